@@ -1,0 +1,58 @@
+// Modbus TCP read requests (function codes 1, 2, 3 and 4).
+#include "Communication_Protocol.h"
+#include "Driver_Internal.h"
+
+void queue_modbus_request(int frame_len, int reply_len, int reply_header_len, int data_len, const RW_VAR &var)
+{
+    Communication_Protocol &d = PLC_driver;
+    Protocol p;
+    p.frame = QByteArray(reinterpret_cast<const char *>(d.frame_buf), frame_len);
+    p.frame_len = frame_len;
+    p.reply_len = reply_len;
+    p.reply_header_len = reply_header_len;
+    p.data_len = data_len;
+    p.var = var;
+    d.request_queue.append(p);
+    d.com_info->replies_received = 0;
+    d.com_info->replies_expected = 1;
+    // The station indexes a 256-entry table: use its low byte.
+    quint16 &tid = d.transaction_ids[var.station & 0xFF];
+    tid = quint16(tid + 1);
+}
+
+void write_mbap(int station, int length_field, quint32 address)
+{
+    Communication_Protocol &d = PLC_driver;
+    unsigned char *b = d.frame_buf;
+    const quint16 tid = d.transaction_ids[station & 0xFF];
+    b[0] = uchar(tid >> 8);
+    b[1] = uchar(tid & 0xFF);
+    b[2] = 0;
+    b[3] = 0;
+    b[4] = uchar((length_field >> 8) & 0xFF);
+    b[5] = uchar(length_field & 0xFF);
+    b[6] = uchar(station & 0xFF);
+    b[8] = uchar((address >> 8) & 0xFF);
+    b[9] = uchar(address & 0xFF);
+}
+
+void read_register(const RW_VAR *var)
+{
+    int function = 0;
+    int data_len = 0;
+    switch (var->reg_kind) {
+    case 0: function = 2; data_len = (var->count + 7) >> 3; break;
+    case 1: function = 1; data_len = (var->count + 7) >> 3; break;
+    case 2: function = 4; data_len = var->count * 2; break;
+    case 3:
+    case 4: function = 3; data_len = var->count * 2; break;
+    default: return; // other kinds are converted before they get here
+    }
+    unsigned char *b = PLC_driver.frame_buf;
+    write_mbap(var->station, 6,
+               quint32(var->start_addr) + quint32(Communication_Protocol::get_offset_add(var->reg_kind)));
+    b[7] = uchar(function);
+    b[10] = uchar((quint32(var->count) >> 8) & 0xFF);
+    b[11] = uchar(quint32(var->count) & 0xFF);
+    queue_modbus_request(12, 9 + data_len, 9, data_len, *var);
+}

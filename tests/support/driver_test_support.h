@@ -1,0 +1,58 @@
+// Helpers shared by the driver's tests: a clean driver state per test and a
+// communication-info record with usual settings.
+#ifndef PLCDRIVER_TEST_SUPPORT_H
+#define PLCDRIVER_TEST_SUPPORT_H
+
+#include "Communication_Protocol.h"
+#include "Driver_Internal.h"
+
+#include <cstring>
+
+// Puts the global driver back into its freshly constructed state and hands
+// it the given record (SetComInfo applies its clamp and clears).
+inline void reset_driver(ComInfo *info)
+{
+    Communication_Protocol &d = PLC_driver;
+    d.read_list.clear();
+    d.write_list.clear();
+    d.once_read_list.clear();
+    d.spare_list.clear();
+    d.request_queue.clear();
+    d.extend_list.clear();
+    d.write_done_cb = nullptr;
+    d.read_done_cb = nullptr;
+    d.disabled_stations.clear();
+    d.ret_var = RW_VAR();
+    d.last_list = 100;
+    d.write_burst = 0;
+    d.once_burst = 0;
+    d.cycle_count = 0;
+    d.comm_failed = false;
+    d.spare_flag = false;
+    std::memset(d.frame_buf, 0, sizeof d.frame_buf);
+    std::memset(d.transaction_ids, 0, sizeof d.transaction_ids);
+    d.bit_mirror.clear();
+    d.word_mirror.clear();
+    d.com_info = nullptr;
+    if (info)
+        SetComInfo(info);
+}
+
+// A record as a runtime would fill it: 100 units per request, station 1,
+// three retries, stations taken from the variables, Modbus TCP, writes to the PLC.
+inline ComInfo make_com_info()
+{
+    ComInfo info;
+    std::memset(&info, 0, sizeof info);
+    info.max_read_units = 100;
+    info.default_station = 1;
+    info.retry_limit = 3;
+    info.station_from_address = 1;
+    info.link_mode = 0;
+    info.local_link_id = 0;
+    info.write_mode = 2;
+    info.host_handle = 77;
+    return info;
+}
+
+#endif

@@ -61,9 +61,9 @@ void write_data_to_local(const RW_VAR *var)
             d.bit_mirror.insert(key + quint64(i), uchar((byte_at(data, int(i >> 3)) >> (i & 7)) & 1));
         break;
     }
-    case 2: case 3: case 4:
-        store_words(mirror_key(var->station, cls, a), data, 1);
-        break;
+    case 2:
+    case 3:
+    case 4: store_words(mirror_key(var->station, cls, a), data, 1); break;
     case 5: {
         ushort &w = d.word_mirror[mirror_key(var->station, cls, a >> 4)];
         const ushort mask = ushort(1u << (a & 15));
@@ -73,15 +73,17 @@ void write_data_to_local(const RW_VAR *var)
             w = ushort(w & ~mask);
         break;
     }
-    case 6: case 7: case 8: {
+    case 6:
+    case 7:
+    case 8: {
         ushort &w = d.word_mirror[mirror_key(var->station, cls, a >> 1)];
         const ushort b = byte_at(data, 0);
         w = (a & 1) ? ushort((w & 0x00FF) | (b << 8)) : ushort((w & 0xFF00) | b);
         break;
     }
-    case 9: case 10: case 11:
-        store_words(mirror_key(var->station, cls, scaled(a, 2)), data, 2);
-        break;
+    case 9:
+    case 10:
+    case 11: store_words(mirror_key(var->station, cls, scaled(a, 2)), data, 2); break;
     default: // 12, 13, 14
         store_words(mirror_key(var->station, cls, scaled(a, 4)), data, 4);
         break;
@@ -151,7 +153,9 @@ extern "C" int GetRegisterData(const void *unused, int reg_kind, const QString &
             o[i] = bits.value(key + quint64(i), 0) != 0 ? 1 : 0;
         break;
     }
-    case 2: case 3: case 4: {
+    case 2:
+    case 3:
+    case 4: {
         const quint64 key = mirror_key(station, cls, a);
         for (int i = 0; i < count; ++i) {
             const ushort w = word(key + quint64(i));
@@ -166,7 +170,9 @@ extern "C" int GetRegisterData(const void *unused, int reg_kind, const QString &
             o[i] = char((word(mirror_key(station, cls, bit >> 4)) >> (bit & 15)) & 1);
         }
         break;
-    case 6: case 7: case 8:
+    case 6:
+    case 7:
+    case 8:
         for (int i = 0; i < count; ++i) {
             const qint32 byte = qint32(quint32(a) + quint32(i));
             const ushort w = word(mirror_key(station, cls, byte >> 1));
@@ -210,13 +216,26 @@ void hand_on(RW_VAR &rec, bool to_plc)
     }
 }
 
+// Byte of the input at a 64-bit cursor, 0 outside it.
+uchar input_at(const QByteArray &in, qint64 pos)
+{
+    return (pos >= 0 && pos < in.size()) ? uchar(in.constData()[pos]) : uchar(0);
+}
+
 // Copies len bytes from the input at the cursor; missing bytes are zero.
-QByteArray take_bytes(const QByteArray &in, int cursor, int len)
+QByteArray take_bytes(const QByteArray &in, qint64 cursor, int len)
 {
     QByteArray out(len, '\0');
     for (int i = 0; i < len; ++i)
-        out[i] = char(byte_at(in, cursor + i));
+        out[i] = char(input_at(in, cursor + i));
     return out;
+}
+
+// Advances a start address by a number of elements; wraps in 32 bits
+// instead of overflowing.
+void advance(RW_VAR &rec, qint64 elements)
+{
+    rec.start_addr = qint32(quint32(rec.start_addr) + quint32(elements));
 }
 
 } // namespace
@@ -226,11 +245,12 @@ extern "C" int SetRegisterData(const QString &name_text, int reg_kind, const QSt
 {
     Communication_Protocol &d = PLC_driver;
     const int a = StringAddressToInt(reg_kind, address_text);
-    if (a < 0)
-        return 0;
     const ComInfo *info = d.com_info;
+    if (a < 0 || !info) // without the runtime's record there is no write to make
+        return 0;
     const QByteArray in = data ? *data : QByteArray();
-    const int n = effective_max_units(); // 0 or below would never finish a chunk
+    // A max_read_units of 0 or below would never finish a chunk: taken as 1.
+    const qint64 n = effective_max_units();
     const bool to_plc = info->write_mode == 2;
 
     RW_VAR rec;
@@ -249,62 +269,69 @@ extern "C" int SetRegisterData(const QString &name_text, int reg_kind, const QSt
     rec.ext_param1 = 0;
     rec.ext_param2 = 0;
 
-    int cursor = 0;
+    // Counts and the input cursor are kept in 64 bits so that no count the
+    // runtime can pass overflows them.
+    qint64 cursor = 0;
     switch (reg_kind) {
     case 1: {
-        int left = count;
+        qint64 left = count;
         while (left > 0) {
-            const int chunk = std::min(8 * n, left);
-            const int bytes = (chunk + 7) / 8;
+            const qint64 chunk = std::min(8 * n, left);
+            const int bytes = int((chunk + 7) / 8);
             QByteArray packed(bytes, '\0');
             // The walk covers every bit still left; only the chunk's own
             // bytes are written, so later chunks carry zero bits.
-            for (int k = 0; k < left && (k >> 3) < bytes; ++k)
-                if (byte_at(in, cursor + k) != 0)
-                    packed[k >> 3] = char(uchar(packed[k >> 3]) | (1u << (k & 7)));
-            cursor = int(std::min<qint64>(qint64(cursor) + left, in.size()));
+            for (qint64 k = 0; k < left && (k >> 3) < bytes; ++k)
+                if (input_at(in, cursor + k) != 0)
+                    packed[int(k >> 3)] = char(uchar(packed[int(k >> 3)]) | (1u << (k & 7)));
+            cursor = std::min<qint64>(cursor + left, in.size());
             rec.data = packed;
-            rec.count = chunk;
+            rec.count = int(chunk);
             hand_on(rec, to_plc);
-            rec.start_addr += chunk;
+            advance(rec, chunk);
             left -= chunk;
         }
         break;
     }
-    case 3: case 4:
-    case 10: case 11:
-    case 13: case 14: {
+    case 3:
+    case 4:
+    case 10:
+    case 11:
+    case 13:
+    case 14: {
         const int words_per = (reg_kind <= 4) ? 1 : (reg_kind <= 11 ? 2 : 4);
-        const int cap = words_per == 1 ? n : std::min(n, words_per == 2 ? 50 : 25);
-        int left = words_per == 1 ? count : (words_per == 2 ? (count + 1) >> 1 : (count + 3) >> 2);
+        const qint64 cap = words_per == 1 ? n : std::min<qint64>(n, words_per == 2 ? 50 : 25);
+        qint64 left = words_per == 1 ? count : (words_per == 2 ? (qint64(count) + 1) >> 1 : (qint64(count) + 3) >> 2);
         while (left > 0) {
-            const int chunk = std::min(cap, left);
-            const int bytes = 2 * words_per * chunk;
+            const qint64 chunk = std::min(cap, left);
+            const int bytes = int(2 * words_per * chunk);
             rec.data = take_bytes(in, cursor, bytes);
-            cursor += std::max(0, std::min(bytes, in.size() - cursor));
-            rec.count = chunk;
+            cursor += std::max<qint64>(0, std::min<qint64>(bytes, in.size() - cursor));
+            rec.count = int(chunk);
             hand_on(rec, to_plc);
-            rec.start_addr += chunk;
+            advance(rec, chunk);
             left -= chunk;
         }
         break;
     }
     case 5:
         for (int i = 0; i < count; ++i) {
-            rec.data = QByteArray(1, char(byte_at(in, cursor) != 0 ? 1 : 0));
+            rec.data = QByteArray(1, char(input_at(in, cursor) != 0 ? 1 : 0));
             rec.count = 1;
             hand_on(rec, to_plc);
             ++cursor;
-            rec.start_addr += 1;
+            advance(rec, 1);
         }
         break;
-    case 7: case 8:
+    case 7:
+    case 8:
+        // One 16-bit element per byte in the input; its low byte is written.
         for (int i = 0; i < count; ++i) {
-            rec.data = QByteArray(1, char(byte_at(in, cursor)));
+            rec.data = QByteArray(1, char(input_at(in, cursor)));
             rec.count = 1;
             hand_on(rec, to_plc);
             cursor += 2;
-            rec.start_addr += 1;
+            advance(rec, 1);
         }
         break;
     default: // read-only or unknown kinds: nothing is written

@@ -4,6 +4,8 @@
 
 quint16 CalSUM(unsigned char *buf, quint16 len)
 {
+    if (!buf)
+        return 0;
     quint32 total = 0;
     for (quint16 i = 0; i < len; ++i)
         total += buf[i];
@@ -13,6 +15,8 @@ quint16 CalSUM(unsigned char *buf, quint16 len)
 quint16 CalCRC(const unsigned char *buf, quint16 len)
 {
     quint16 crc = 0xFFFF;
+    if (!buf)
+        return crc;
     for (quint16 i = 0; i < len; ++i) {
         crc ^= buf[i];
         for (int b = 0; b < 8; ++b)
@@ -24,7 +28,7 @@ quint16 CalCRC(const unsigned char *buf, quint16 len)
 int CalLRC(unsigned char *buf, quint16 len)
 {
     quint32 total = 0;
-    for (quint16 i = 0; i < len; ++i)
+    for (quint16 i = 0; buf && i < len; ++i)
         total += buf[i];
     // The 1 is added after truncating to 8 bits, so the result lies in 1..256.
     return int((~total) & 0xFFu) + 1;
@@ -43,7 +47,9 @@ quint16 CalXOR(unsigned char *buf, quint16 len)
 
 int DigitalToASCII(int value)
 {
-    return value <= 9 ? value + 0x30 : value + 0x37;
+    // Computed with wrap-around so that no argument overflows.
+    const quint32 v = quint32(value);
+    return int(value <= 9 ? v + 0x30u : v + 0x37u);
 }
 
 int ASCIIToDigital(int ch)

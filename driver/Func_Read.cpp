@@ -13,8 +13,10 @@ void queue_modbus_request(int frame_len, int reply_len, int reply_header_len, in
     p.data_len = data_len;
     p.var = var;
     d.request_queue.append(p);
-    d.com_info->replies_received = 0;
-    d.com_info->replies_expected = 1;
+    if (ComInfo *info = d.com_info) {
+        info->replies_received = 0;
+        info->replies_expected = 1;
+    }
     // The station indexes a 256-entry table: use its low byte.
     quint16 &tid = d.transaction_ids[var.station & 0xFF];
     tid = quint16(tid + 1);
@@ -38,14 +40,29 @@ void write_mbap(int station, int length_field, quint32 address)
 
 void read_register(const RW_VAR *var)
 {
+    // Lengths wrap around in 32 bits rather than overflow for absurd counts.
+    const quint32 count = quint32(var->count);
+    const quint32 bit_bytes = quint32(qint32(count + 7u) >> 3);
     int function = 0;
-    int data_len = 0;
+    quint32 data_len = 0;
     switch (var->reg_kind) {
-    case 0: function = 2; data_len = (var->count + 7) >> 3; break;
-    case 1: function = 1; data_len = (var->count + 7) >> 3; break;
-    case 2: function = 4; data_len = var->count * 2; break;
+    case 0:
+        function = 2;
+        data_len = bit_bytes;
+        break;
+    case 1:
+        function = 1;
+        data_len = bit_bytes;
+        break;
+    case 2:
+        function = 4;
+        data_len = count * 2u;
+        break;
     case 3:
-    case 4: function = 3; data_len = var->count * 2; break;
+    case 4:
+        function = 3;
+        data_len = count * 2u;
+        break;
     default: return; // other kinds are converted before they get here
     }
     unsigned char *b = PLC_driver.frame_buf;
@@ -54,5 +71,5 @@ void read_register(const RW_VAR *var)
     b[7] = uchar(function);
     b[10] = uchar((quint32(var->count) >> 8) & 0xFF);
     b[11] = uchar(quint32(var->count) & 0xFF);
-    queue_modbus_request(12, 9 + data_len, 9, data_len, *var);
+    queue_modbus_request(12, int(9u + data_len), 9, int(data_len), *var);
 }

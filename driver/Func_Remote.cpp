@@ -51,8 +51,10 @@ void queue_request(const QByteArray &frame, int reply_len, int header_len, int d
     p.data_len = data_len;
     p.var = v;
     PLC_driver.request_queue.append(p);
-    PLC_driver.com_info->replies_received = 0;
-    PLC_driver.com_info->replies_expected = 1;
+    if (ComInfo *info = PLC_driver.com_info) {
+        info->replies_received = 0;
+        info->replies_expected = 1;
+    }
 }
 
 } // namespace
@@ -63,12 +65,15 @@ void Remote_ReadVar(RW_VAR *var)
     f[0] = char(22);
     f.append(sum_byte(f, 21));
 
-    int data_len = 0;
+    // Lengths are computed with 32-bit wrap-around: an absurd count gives a
+    // defined (if useless) length instead of an overflow.
+    const quint32 count = quint32(var->count);
+    quint32 data_len = 0;
     if (var->reg_kind == 0 || var->reg_kind == 1)
-        data_len = (var->count + 7) >> 3;
+        data_len = quint32(qint32(count + 7u) >> 3);
     else if (var->reg_kind >= 2 && var->reg_kind <= 4)
-        data_len = var->count * 2;
-    queue_request(f, 5 + data_len, 3, data_len, *var);
+        data_len = count * 2u;
+    queue_request(f, int(5u + data_len), 3, int(data_len), *var);
 }
 
 void Remote_WriteVar(RW_VAR *var)

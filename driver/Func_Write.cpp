@@ -21,8 +21,7 @@ void write_analog(RW_VAR *var)
         group = 1; // coils: bytes go as they are
         break;
     case 3:
-    case 4:
-        break;
+    case 4: break;
     case 10:
     case 11:
         quantity *= 2;
@@ -38,7 +37,8 @@ void write_analog(RW_VAR *var)
     default: {
         // Not a writable kind: only the first 10 bytes, the function code and
         // what follows stay as the previous request left them.
-        const quint32 address = quint32(var->start_addr) + quint32(Communication_Protocol::get_offset_add(var->reg_kind));
+        const quint32 address =
+            quint32(var->start_addr) + quint32(Communication_Protocol::get_offset_add(var->reg_kind));
         write_mbap(var->station, 4, address);
         queue_modbus_request(10, var->station != 0 ? 12 : 0, 0, 0, *var);
         return;
@@ -83,8 +83,10 @@ void write_register(RW_VAR *var)
         pair.rw_flag = 1;
         pair.ext_param1 = 0;
         write_analog(&pair);
-        PLC_driver.com_info->replies_expected = 2;
-        PLC_driver.com_info->replies_received = 0;
+        if (ComInfo *info = PLC_driver.com_info) {
+            info->replies_expected = 2;
+            info->replies_received = 0;
+        }
         return;
     }
     write_analog(var);

@@ -122,8 +122,13 @@ extern "C" int GetRegisterData(const void *unused, int reg_kind, const QString &
     if (!out)
         return 1;
 
+    // A negative count keeps out at its length, zero-filled, for every kind
+    // (the rounded-up sizes of kinds 9 to 14 would otherwise turn small
+    // negative counts into an empty buffer).
     qint64 size;
-    if (quint32(reg_kind) > 14u)
+    if (count < 0)
+        size = -1;
+    else if (quint32(reg_kind) > 14u)
         size = 2 * qint64(count);
     else if (reg_kind <= 1 || reg_kind == 5)
         size = count;

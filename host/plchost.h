@@ -1,0 +1,252 @@
+// plchost: the reference host for plcdriver.
+//
+// It plays the part of an HMI runtime: it owns the TCP connection to each PLC
+// endpoint, hands the driver its communication-info record, local areas and
+// callbacks, builds the cyclic read list and runs the communication thread
+// that alternates ComCommunication and DataCom. Other threads read and write
+// PLC values through it while it runs.
+//
+// The driver is one global object inside libplcdriver.so, so there is at most
+// one Host per process. Several PLC endpoints are served by routing each
+// request to the endpoint that owns the request's station.
+//
+// Only the exported interface of Communication_Protocol.h is used.
+#ifndef PLCHOST_PLCHOST_H
+#define PLCHOST_PLCHOST_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct ComInfo; // the driver's communication-info record
+
+namespace plchost {
+
+// How requests are framed on the wire (the driver's link_mode).
+enum class LinkMode { Modbus = 0, Remote = 1 };
+
+// One PLC endpoint: a TCP address and the stations it serves. The first
+// endpoint also serves every station that no endpoint lists.
+struct Endpoint {
+    std::string host = "127.0.0.1";
+    uint16_t port = 1502;
+    std::vector<int> stations;
+};
+
+struct HostConfig {
+    std::vector<Endpoint> endpoints;
+    LinkMode link_mode = LinkMode::Modbus;
+    int max_read_units = 100; // largest block of one read request
+    int retry_limit = 3;      // failed replies tolerated per request
+    int default_station = 1;  // station of every variable when !station_from_address
+    bool station_from_address = true;
+    bool write_to_plc = true;                        // false: writes only change the driver's mirror
+    int host_handle = 0;                             // handed back by the driver's write-done callback
+    std::chrono::milliseconds timeout{1000};         // per request
+    std::chrono::milliseconds poll_interval{100};    // pause after each full pass
+    std::chrono::milliseconds connect_timeout{1000}; // one connection attempt
+    std::chrono::milliseconds reconnect_min{100};    // first back-off step
+    std::chrono::milliseconds reconnect_max{2000};   // back-off ceiling
+};
+
+// One PLC variable as the runtime names it: kind 0..14, address text in the
+// notation of the kind ("byte.bit" for kinds 0, 1 and 5, a decimal number
+// otherwise), station, and count in the unit of the kind (bits for 0, 1, 5;
+// bytes for 6..8; 16-bit words for 2..4 and 9..14).
+struct Tag {
+    std::string name;
+    int kind = 0;
+    std::string address;
+    int station = 1;
+    int count = 1;
+};
+
+// What the host has seen since start. Round-trip times cover requests that
+// got at least one reply byte.
+struct Stats {
+    uint64_t requests = 0;       // frames sent (and station-0 writes handed over)
+    uint64_t good_replies = 0;   // DataCom codes 1 and 100
+    uint64_t failed_replies = 0; // every other code (retries and give-ups)
+    uint64_t retries = 0;        // failures the driver will retry
+    uint64_t give_ups = 0;       // requests the driver gave up
+    uint64_t timeouts = 0;       // requests that got no byte at all in time
+    uint64_t reconnects = 0;     // connections re-established after a drop
+    uint64_t connect_failures = 0;
+    uint64_t stale_bytes = 0;       // bytes drained from a socket before a send
+    uint64_t passes = 0;            // full passes over the cyclic list
+    uint64_t write_done_ok = 0;     // write-done callbacks with result 1
+    uint64_t write_done_failed = 0; // write-done callbacks with result 2
+    uint64_t read_done = 0;         // read-done (communication failed) callbacks
+    double rtt_min_ms = 0, rtt_avg_ms = 0, rtt_max_ms = 0;
+    uint64_t rtt_samples = 0;
+    std::map<int, uint64_t> codes; // DataCom return code -> how often
+};
+
+// One DataCom outcome, reported to the reply hook on the communication thread.
+struct ReplyEvent {
+    int station = 0;
+    int reg_kind = 0;   // kind of the request as the driver built it
+    int start_addr = 0; // address of the request in its class units
+    int count = 0;
+    int endpoint = 0; // index into HostConfig::endpoints
+    bool write = false;
+    int bytes = 0; // reply bytes handed to DataCom
+    bool timed_out = false;
+    int status = 0; // ret_var status: 0 retry, 1/100 good, else error code
+};
+
+enum class FrameDirection { Sent, Received };
+
+using TraceHook = std::function<void(FrameDirection, int endpoint, const uint8_t *data, size_t size)>;
+using WriteDoneHook = std::function<void(int host_handle, int source_type, int source_id, int result)>;
+using ReadDoneHook = std::function<void(int source_type, int flag)>;
+using ReplyHook = std::function<void(const ReplyEvent &)>;
+
+// Result of waiting for a write or one-shot read.
+enum class DoneResult { Ok = 1, Failed = 2, TimedOut = 0 };
+
+class Host {
+public:
+    explicit Host(HostConfig config);
+    ~Host(); // stops the communication thread and closes the sockets
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+
+    // The one live host of this process (null when none). The driver's
+    // callbacks are plain C functions that carry no context pointer, so they
+    // reach the host through this pointer; it is set by the constructor and
+    // cleared by the destructor, and a second Host while one lives is refused.
+    static Host *instance();
+
+    // Hooks are called on the communication thread; set them before start().
+    // The write-done and read-done hooks run after DataCom has returned, so
+    // they may call back into the host (write, read_once, ...).
+    void set_trace_hook(TraceHook hook) { trace_hook_ = std::move(hook); }
+    void set_write_done_hook(WriteDoneHook hook) { write_done_hook_ = std::move(hook); }
+    void set_read_done_hook(ReadDoneHook hook) { read_done_hook_ = std::move(hook); }
+    void set_reply_hook(ReplyHook hook) { reply_hook_ = std::move(hook); }
+
+    // Replaces the cyclic read list. Before start() it is built at once;
+    // while running it is handed to the communication thread and built
+    // between two exchanges. Returns the number of tags the driver accepted
+    // (tags whose address text parses); *error names the first rejected one.
+    int set_tags(const std::vector<Tag> &tags, std::string *error = nullptr);
+
+    // Connects every endpoint once and starts the communication thread.
+    // With require_connection, a failed first connection is an error
+    // ("cannot connect to HOST:PORT: REASON") and nothing is started.
+    bool start(bool require_connection, std::string *error = nullptr);
+    void stop(); // joins the communication thread; safe to call twice
+    bool running() const;
+
+    // Reads the driver's mirror (no PLC traffic). Returns false when the
+    // address text does not parse. out receives GetRegisterData's bytes.
+    bool read(const Tag &tag, std::vector<uint8_t> *out) const;
+
+    // Queues a write (SetRegisterData) of `count` units from `data` in the
+    // driver's buffer layout (see encode_values). Returns the write-list size
+    // (0: bad address). *source_id gets the id that wait_done waits for.
+    int write(const Tag &tag, const std::vector<uint8_t> &data, int source_type = 1, int *source_id = nullptr);
+
+    // Queues a one-shot read of the tag (AddListOnceReadVar). Returns false
+    // when the address does not parse; *source_id as for write().
+    bool read_once(const Tag &tag, int source_type = 1, int *source_id = nullptr);
+
+    // Waits until the driver reports the write or one-shot read with this
+    // source_type and source_id as finished (write-done callback).
+    DoneResult wait_done(int source_type, int source_id, std::chrono::milliseconds timeout);
+
+    // Waits until `count` more full passes over the cyclic list have ended.
+    bool wait_passes(uint64_t count, std::chrono::milliseconds timeout);
+
+    void enable_station(int station, bool enable);
+
+    Stats stats() const;
+    bool connected(size_t endpoint) const;
+    const HostConfig &config() const { return config_; }
+
+    // Parses an address text for a kind (PLCAddressChangeIntef); -1 if invalid.
+    static int parse_address(int kind, const std::string &text);
+
+private:
+    struct Connection;
+    struct Exchange;
+
+    void run();
+    bool exchange_once();
+    void apply_tags_locked();
+    int route(int station) const;
+    bool ensure_connected(size_t index);
+    bool try_connect(size_t index, std::string *error);
+    void close_connection(size_t index, bool dropped);
+    void drain(size_t index);
+    void transact(size_t index, const uint8_t *frame, int frame_len, int reply_len, std::vector<uint8_t> *reply,
+                  bool *timed_out);
+    bool sleep_for(std::chrono::milliseconds d, bool wake_on_kick);
+    void kick();
+    void record_rtt(double ms);
+    void notify_done(int source_type, int source_id, int result);
+
+    friend struct CallbackBridge;
+
+    HostConfig config_;
+    std::vector<std::unique_ptr<Connection>> connections_;
+    std::unique_ptr<::ComInfo> com_info_;
+    std::vector<uint8_t> local_bits_, local_words_, local_third_;
+
+    TraceHook trace_hook_;
+    WriteDoneHook write_done_hook_;
+    ReadDoneHook read_done_hook_;
+    ReplyHook reply_hook_;
+
+    std::thread thread_;
+    mutable std::mutex mutex_; // stats, done map, wake flags, pending tags
+    std::condition_variable wake_cv_;
+    std::condition_variable done_cv_;
+    bool stop_ = false;
+    bool kicked_ = false;
+    bool running_ = false;
+    bool pending_tags_set_ = false;
+    std::vector<Tag> pending_tags_;
+    Stats stats_;
+    double rtt_sum_ms_ = 0;
+    std::map<std::pair<int, int>, int> done_; // (source_type, source_id) -> result
+    int next_source_id_ = 1;
+
+    // Callback events collected inside DataCom (where the driver holds its
+    // list lock) and delivered after it returns.
+    struct CallbackEvent {
+        bool write_done;
+        int handle, source_type, source_id, result;
+    };
+    std::vector<CallbackEvent> events_;
+};
+
+// Value layout helpers for the driver's buffers.
+//
+// Number of values a read of `count` units of `kind` yields: bits for 0, 1, 5;
+// bytes for 6..8; words for 2..4; 32-bit values (count+1)/2 for 9..11;
+// 64-bit values (count+3)/4 for 12..14.
+int value_count(int kind, int count);
+// Turns GetRegisterData's bytes into values (bits 0/1, bytes, words, dwords, qwords).
+std::vector<uint64_t> decode_values(int kind, int count, const std::vector<uint8_t> &bytes);
+// Builds SetRegisterData's input for the given values and the count (in the
+// unit of the kind) that covers them. False for read-only or unknown kinds.
+bool encode_values(int kind, const std::vector<uint64_t> &values, std::vector<uint8_t> *bytes, int *count);
+// True for the kinds the driver can write (1, 3, 4, 5, 7, 8, 10, 11, 13, 14).
+bool kind_writable(int kind);
+// Width of one value of a kind in bits (1, 8, 16, 32 or 64); 0 if unknown.
+int value_bits(int kind);
+// Human name of a kind, e.g. "holding register".
+const char *kind_name(int kind);
+
+} // namespace plchost
+
+#endif // PLCHOST_PLCHOST_H

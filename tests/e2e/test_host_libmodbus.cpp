@@ -1,0 +1,95 @@
+// The reference host against a libmodbus server inside the test: cyclic
+// reads of the word and bit classes, writes landing in the peer's memory,
+// station-0 broadcast and one-shot reads.
+#include "e2e_util.h"
+#include "modbus_peer.h"
+
+#include <gtest/gtest.h>
+
+using namespace e2e;
+using plchost::DoneResult;
+using plchost::Host;
+
+TEST(HostLibmodbus, CyclicReadOfHoldingRegistersFollowsThePeer)
+{
+    ModbusPeer peer;
+    peer.set_holding(10, 0x1234); // class 4: no address offset
+    peer.set_holding(11, 0xBEEF);
+    Host host(config_for(peer.port()));
+    const auto t = tag(4, "10", 2);
+    ASSERT_EQ(host.set_tags({t}), 1);
+    std::string error;
+    ASSERT_TRUE(host.start(true, &error)) << error;
+    ASSERT_TRUE(eventually([&] { return values_of(host, t) == std::vector<uint64_t>{0x1234, 0xBEEF}; }));
+
+    peer.set_holding(11, 7);
+    ASSERT_TRUE(eventually([&] { return values_of(host, t) == std::vector<uint64_t>{0x1234, 7}; }));
+    host.stop();
+    const auto s = host.stats();
+    EXPECT_GT(s.requests, 2u);
+    EXPECT_EQ(s.good_replies, s.requests);
+    EXPECT_EQ(s.failed_replies, 0u);
+    EXPECT_GT(s.passes, 0u);
+    EXPECT_GT(s.rtt_samples, 0u);
+    EXPECT_LE(s.rtt_min_ms, s.rtt_avg_ms);
+    EXPECT_LE(s.rtt_avg_ms, s.rtt_max_ms);
+}
+
+TEST(HostLibmodbus, CyclicReadOfBitsAtAnyBitAddress)
+{
+    ModbusPeer peer;
+    // Coils 0xA000 + 13..20 and discrete inputs 0x6000 + 3..5.
+    for (int i = 0; i < 8; ++i)
+        peer.set_coil(0xA000 + 13 + i, i % 3 == 0);
+    peer.set_discrete(0x6000 + 4, true);
+    Host host(config_for(peer.port()));
+    const auto coils = tag(1, "1.5", 8); // bits 13..20
+    const auto inputs = tag(0, "0.3", 3);
+    ASSERT_EQ(host.set_tags({coils, inputs}), 2);
+    ASSERT_TRUE(host.start(true));
+    EXPECT_TRUE(eventually([&] { return values_of(host, coils) == std::vector<uint64_t>{1, 0, 0, 1, 0, 0, 1, 0}; }));
+    EXPECT_TRUE(eventually([&] { return values_of(host, inputs) == std::vector<uint64_t>{0, 1, 0}; }));
+}
+
+TEST(HostLibmodbus, WritesReachThePeer)
+{
+    ModbusPeer peer;
+    Host host(config_for(peer.port()));
+    ASSERT_TRUE(host.start(true));
+    EXPECT_EQ(write_values(host, tag(4, "100", 0), {0x0102, 0x0304}), DoneResult::Ok);
+    EXPECT_EQ(peer.holding(100), 0x0102);
+    EXPECT_EQ(peer.holding(101), 0x0304);
+    EXPECT_EQ(write_values(host, tag(3, "5", 0), {0xCAFE}), DoneResult::Ok);
+    EXPECT_EQ(peer.holding(0xA005), 0xCAFE);
+    EXPECT_EQ(write_values(host, tag(1, "2.1", 0), {1, 0, 1}), DoneResult::Ok);
+    EXPECT_EQ(peer.coil(0xA000 + 17), 1);
+    EXPECT_EQ(peer.coil(0xA000 + 18), 0);
+    EXPECT_EQ(peer.coil(0xA000 + 19), 1);
+}
+
+TEST(HostLibmodbus, BroadcastWriteExpectsNoReply)
+{
+    ModbusPeer peer;
+    Host host(config_for(peer.port()));
+    ASSERT_TRUE(host.start(true));
+    EXPECT_EQ(write_values(host, tag(4, "300", 0, 0), {4242}), DoneResult::Ok);
+    EXPECT_TRUE(eventually([&] { return peer.holding(300) == 4242; }));
+    const auto s = host.stats();
+    EXPECT_EQ(s.timeouts, 0u);
+    EXPECT_EQ(s.failed_replies, 0u);
+    EXPECT_EQ(peer.requests_for_unit(0), 1u);
+}
+
+TEST(HostLibmodbus, OneShotReadFillsTheMirror)
+{
+    ModbusPeer peer;
+    peer.set_input(0x8000 + 40, 555);
+    Host host(config_for(peer.port()));
+    ASSERT_TRUE(host.start(true));
+    const auto t = tag(2, "40", 1);
+    int id = 0;
+    ASSERT_TRUE(host.read_once(t, 3, &id));
+    EXPECT_EQ(host.wait_done(3, id, 3000ms), DoneResult::Ok);
+    EXPECT_EQ(values_of(host, t), std::vector<uint64_t>{555});
+    EXPECT_FALSE(host.read_once(tag(2, "x", 1)));
+}

@@ -67,8 +67,10 @@ void patch_write_frame(uchar high, uchar low)
     Protocol &write = PLC_driver.request_queue[1];
     QByteArray &f = write.frame;
     const int at = byte_at(f, 7) == 6 ? 10 : 13;
+    // Grow a short frame just enough; QByteArray::resize leaves new bytes
+    // uninitialised, so the gap is filled with zeros explicitly.
     if (f.size() < at + 2)
-        f.resize(at + 2);
+        f.append(QByteArray(at + 2 - f.size(), '\0'));
     f[at] = char(high);
     f[at + 1] = char(low);
 }

@@ -206,6 +206,8 @@ PLCDRIVER_EXPORT void EnableEthernet(int station, int enable);
 PLCDRIVER_EXPORT int GetRegisterData(const void *unused, int reg_kind, const QString &address_text, int station,
                                      QByteArray *out, int count);
 // A max_read_units of 0 or below is taken as 1 when cutting a write into chunks.
+// Without a communication-info record (SetComInfo not called) nothing is
+// written and the result is 0.
 PLCDRIVER_EXPORT int SetRegisterData(const QString &name_text, int reg_kind, const QString &address_text,
                                      int station, QByteArray *data, int count, int source_type, int source_id);
 PLCDRIVER_EXPORT int QueryFinishFlag();

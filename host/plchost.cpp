@@ -217,20 +217,41 @@ int Host::parse_address(int kind, const std::string &text)
     return PLCAddressChangeIntef(kind, QString::fromStdString(text));
 }
 
-// The driver's cyclic and one-shot lists keep a bit kind (0, 1) in the byte
-// numbers of its converted address, and its request builders send those
-// numbers as bit address and bit count. To read bits b..b+n-1 the host
+// How a tag is described to the driver's read lists.
+//
+// Bit kinds: the driver's cyclic and one-shot lists keep a bit kind (0, 1)
+// in the byte numbers of its converted address, and its request builders send
+// those numbers as bit address and bit count. To read bits b..b+n-1 the host
 // therefore describes them as "b.0" with a count of 8n: the conversion turns
 // that into address b and count n, which go on the wire as they should.
-static void describe_for_reading(const Tag &tag, QString *address, int *count)
+//
+// Remote frame: the driver accepts no remote reply shorter than 8 bytes (a
+// 3-byte header, the data, 2 trailing bytes), so a read of fewer than 3 data
+// bytes could never succeed. On that link the host asks for at least 3 data
+// bytes (24 bits, 2 words); the extra units are read along and not shown.
+static void describe_for_reading(const Tag &tag, bool remote, QString *address, int *count)
 {
     *address = QString::fromStdString(tag.address);
     *count = tag.count;
+    if (remote) {
+        switch (tag.kind) {
+        case 0:
+        case 1: *count = std::max(*count, 24); break;
+        case 2:
+        case 3:
+        case 4: *count = std::max(*count, 2); break;
+        case 5: *count = std::max(*count, 32); break;
+        case 6:
+        case 7:
+        case 8: *count = std::max(*count, 4); break;
+        default: break;
+        }
+    }
     if (tag.kind == 0 || tag.kind == 1) {
         const int bit = PLCAddressChangeIntef(tag.kind, *address);
         if (bit >= 0) {
             *address = QString::number(bit) + QStringLiteral(".0");
-            *count = tag.count * 8;
+            *count *= 8;
         }
     }
 }
@@ -279,7 +300,7 @@ void Host::apply_tags_locked()
         HostReadVar v;
         v.reg_kind = quint8(t.kind);
         v.station = quint8(t.station);
-        describe_for_reading(t, &v.address_text, &v.count);
+        describe_for_reading(t, config_.link_mode == LinkMode::Remote, &v.address_text, &v.count);
         v.name_text = QString::fromStdString(t.name);
         list.append(v);
     }
@@ -409,7 +430,7 @@ bool Host::read_once(const Tag &tag, int source_type, int *source_id)
     v.name_text = QString::fromStdString(tag.name);
     v.reg_kind = tag.kind;
     v.station = tag.station;
-    describe_for_reading(tag, &v.address_text, &v.count);
+    describe_for_reading(tag, config_.link_mode == LinkMode::Remote, &v.address_text, &v.count);
     const int r = AddListOnceReadVar(&v, 0);
     kick();
     return r > 0;
@@ -807,6 +828,11 @@ bool Host::exchange_once()
         const bool go_on = sleep_for(config_.poll_interval, true);
         com_info_->cycle_done = 0;
         return go_on;
+    }
+    if (!good && ev.status != 0) {
+        // Given up: a pass that contains a failing request never completes,
+        // so pause here too rather than hammer a peer that keeps failing.
+        return sleep_for(config_.poll_interval, true);
     }
     return true;
 }

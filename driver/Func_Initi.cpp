@@ -7,6 +7,7 @@
 #include <QStringList>
 
 #include <algorithm>
+#include <climits>
 #include <utility>
 
 void *LB = nullptr;
@@ -80,11 +81,11 @@ extern "C" int PLCAddressChangeIntef(int reg_kind, const QString &address_text)
 int BlockLimitForKind(int reg_kind, int max_read_units)
 {
     const int n = max_read_units;
-    if (quint32(reg_kind) < 2u)
-        return 2 * n;
+    if (quint32(reg_kind) < 2u) // bit kinds count bytes: twice the units, never past INT_MAX
+        return int(std::min<qint64>(2 * qint64(n), INT_MAX));
     if (reg_kind >= 9 && reg_kind <= 11)
         return n > 50 ? 50 : n;
-    if (quint32(reg_kind - 12) <= 2u)
+    if (quint32(reg_kind) - 12u <= 2u) // unsigned: every kind outside 12..14 lands above 2
         return n > 25 ? 25 : n;
     return n;
 }
@@ -116,6 +117,10 @@ extern "C" int AddListOnceReadVar(RW_VAR *var, int flag)
         return locked_size(d.once_read_list);
     }
 
+    // Without a communication-info record there is no station or unit limit
+    // to prepare the read with: refuse it like an unparsable address.
+    if (!d.com_info)
+        return 0;
     const int addr = StringAddressToInt(var->reg_kind, var->address_text);
     if (addr < 0)
         return 0;
@@ -135,9 +140,9 @@ extern "C" int AddListOnceReadVar(RW_VAR *var, int flag)
             var->count = chunk;
             bool duplicate = false;
             for (const RW_VAR &e : std::as_const(d.once_read_list)) {
-                if (e.source_type == var->source_type && e.source_id == var->source_id &&
-                    e.station == var->station && e.reg_kind == var->reg_kind && e.start_addr == var->start_addr &&
-                    e.count == var->count && e.link_id == var->link_id) {
+                if (e.source_type == var->source_type && e.source_id == var->source_id && e.station == var->station &&
+                    e.reg_kind == var->reg_kind && e.start_addr == var->start_addr && e.count == var->count &&
+                    e.link_id == var->link_id) {
                     duplicate = true;
                     break;
                 }
@@ -145,7 +150,8 @@ extern "C" int AddListOnceReadVar(RW_VAR *var, int flag)
             if (!duplicate && d.once_read_list.size() < kListCap)
                 d.once_read_list.append(*var);
             remaining -= chunk;
-            var->start_addr += chunk;
+            // Addresses wrap at the top of the 32-bit range instead of overflowing.
+            var->start_addr = qint32(quint32(var->start_addr) + quint32(chunk));
         }
     }
     return locked_size(d.once_read_list);
@@ -192,7 +198,7 @@ void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
 
     // Appends copies of proto covering [start, start + length) in pieces of
     // at most limit units.
-    auto append_pieces = [&out, limit](const RW_VAR &proto, qint64 start, qint64 length) {
+    auto append_pieces = [&, limit](const RW_VAR &proto, qint64 start, qint64 length) {
         while (length > 0) {
             const qint64 piece = std::min<qint64>(length, limit);
             RW_VAR copy = proto;
@@ -249,10 +255,12 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
     {
         DriverLock lock(d.list_mutex);
         d.read_list = QList<RW_VAR>();
-        if (!descriptors || descriptors->isEmpty())
+        ComInfo *info = d.com_info;
+        // Nothing to read, or no communication-info record to read it with:
+        // the list stays empty.
+        if (!descriptors || descriptors->isEmpty() || !info)
             return 0;
 
-        ComInfo *info = d.com_info;
         const int n = effective_max_units();
         d.cycle_count = 0;
         info->cycle_done = 0;

@@ -5,6 +5,7 @@
 #include "driver_test_support.h"
 
 #include <QByteArray>
+#include <limits>
 #include <vector>
 
 namespace {
@@ -154,6 +155,9 @@ TEST(DigitalToASCII, NoRangeCheck)
 {
     EXPECT_EQ(DigitalToASCII(16), 0x47);
     EXPECT_EQ(DigitalToASCII(-10), 0x26);
+    // The extremes wrap around instead of overflowing.
+    EXPECT_EQ(DigitalToASCII(std::numeric_limits<int>::max()), std::numeric_limits<int>::min() + 0x36);
+    EXPECT_EQ(DigitalToASCII(std::numeric_limits<int>::min()), std::numeric_limits<int>::min() + 0x30);
 }
 
 TEST(ASCIIToDigital, StatedValues)
@@ -170,6 +174,8 @@ TEST(ASCIIToDigital, RangesAroundTheDigits)
 {
     EXPECT_EQ(ASCIIToDigital(0x2F), 0);
     EXPECT_EQ(ASCIIToDigital(-5), 0);
+    EXPECT_EQ(ASCIIToDigital(std::numeric_limits<int>::min()), 0);
+    EXPECT_EQ(ASCIIToDigital(std::numeric_limits<int>::max()), std::numeric_limits<int>::max() - 0x37);
     EXPECT_EQ(ASCIIToDigital('9'), 9);
     EXPECT_EQ(ASCIIToDigital('?'), 15); // 0x3F, the sixth character after "9"
     EXPECT_EQ(ASCIIToDigital('A'), 10);

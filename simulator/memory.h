@@ -1,0 +1,56 @@
+// The simulated PLC memory: one libmodbus mapping per unit id, every table
+// covering addresses 0..0xFFFF, and the values that move with time.
+#ifndef PLCSIM_MEMORY_H
+#define PLCSIM_MEMORY_H
+
+#include <modbus.h>
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+namespace plcsim {
+
+// Table sizes: every table spans the whole 16-bit address space.
+constexpr int kTableSize = 0x10000;
+
+// Addresses of the moving values (Modbus table addresses).
+constexpr int kCounterFast = 0x8000;   // input register, +1 every tick
+constexpr int kCounterSecond = 0x8001; // input register, +1 every 10 ticks
+constexpr int kCounterStep5 = 0x8002;  // input register, +5 every tick
+constexpr int kCounterSlow = 0x8003;   // input register, +1 every 100 ticks
+constexpr int kRamp = 0x8004;          // input register, 0, 10, ..., 1000, 0, ... one step per tick
+constexpr int kCounter32Low = 0x8010;  // input registers 0x8010 (low word) and 0x8011 (high word)
+constexpr int kCounter32High = 0x8011;
+constexpr uint32_t kCounter32Step = 0x1001; // added every tick
+constexpr int kRotatingBits = 0x6000;       // discrete inputs 0x6000..0x6007, one bit set, moves every tick
+constexpr int kTickMilliseconds = 100;
+
+class Stations {
+public:
+    // Allocates one mapping per unit id. Unit 0 (broadcast) never gets memory
+    // of its own, so it is skipped when listed. Throws std::bad_alloc when a
+    // mapping cannot be allocated.
+    explicit Stations(const std::vector<int> &unit_ids);
+    ~Stations();
+    Stations(const Stations &) = delete;
+    Stations &operator=(const Stations &) = delete;
+
+    // The mapping of a unit id, or nullptr when it is not served.
+    modbus_mapping_t *find(int unit) const;
+    // Unit ids with memory, ascending.
+    std::vector<int> ids() const;
+    std::vector<modbus_mapping_t *> all() const;
+
+private:
+    std::map<int, modbus_mapping_t *> maps_;
+};
+
+// Writes the moving values as they stand after `ticks` ticks into one mapping.
+// All of them are a function of the tick count alone, so a client can check
+// one snapshot for consistency.
+void set_moving_values(modbus_mapping_t *map, uint64_t ticks);
+
+} // namespace plcsim
+
+#endif

@@ -146,6 +146,9 @@ extern "C" Protocol *ComCommunication()
     Communication_Protocol &d = PLC_driver;
     if (!d.request_queue.isEmpty())
         return &d.request_queue.first();
+    // Without the runtime's record there is nothing to build a request for.
+    if (!d.com_info)
+        return nullptr;
 
     DriverLock lock(d.list_mutex);
     const bool modbus = d.com_info->link_mode == 0;
@@ -303,7 +306,7 @@ int DealDataOfRemoteArea(QByteArray *reply, int length)
     // Only the marked read of a bit write gets here; its store patches the
     // waiting write frame and leaves the mirror alone.
     save_to_local_data_erea(reply);
-    if (PLC_driver.com_info->replies_received == 1)
+    if (PLC_driver.com_info && PLC_driver.com_info->replies_received == 1)
         return GetDriverReturnValue(4);
     return GetDriverReturnValue(0);
 }
@@ -358,16 +361,19 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
         DriverLock lock(d.list_mutex);
         d.ret_var.status = 1;
     }
-    if (d.request_queue.isEmpty())
+    ComInfo *info = d.com_info;
+    // No request in flight, or no runtime record to count against: nothing
+    // to judge.
+    if (d.request_queue.isEmpty() || !info)
         return &d.ret_var;
 
-    ComInfo *info = d.com_info;
     const bool local = d.request_queue.first().var.link_id == info->local_link_id;
     const int code = local ? DealDataOfLocalArea(reply, length) : DealDataOfRemoteArea(reply, length);
 
     DriverLock lock(d.list_mutex);
     if (code != 1 && code != 100) {
-        ++info->retry_count;
+        // Counters wrap instead of overflowing whatever the runtime left in them.
+        info->retry_count = qint32(quint32(info->retry_count) + 1u);
         if (info->retry_count <= info->retry_limit) {
             d.ret_var.status = 0;
             return &d.ret_var;
@@ -380,7 +386,7 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
         d.request_queue.clear();
     } else {
         comm_failed_set(false);
-        ++info->replies_received;
+        info->replies_received = qint32(quint32(info->replies_received) + 1u);
         const bool complete = info->replies_received >= info->replies_expected;
         if (complete && local && info->cycle_done == 0) {
             ++d.cycle_count;

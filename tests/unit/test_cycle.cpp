@@ -363,3 +363,15 @@ TEST_F(Cycle, HeadAddressStaysTheSameUntilTheReplyRetiresIt)
 }
 
 } // namespace
+
+TEST(CycleWithoutRecord, NoCommInfoRecordSendsNothing)
+{
+    reset_driver(nullptr);
+    PLC_driver.read_list.append(make_var(4, 1, 1, 1));
+    PLC_driver.write_list.append(make_write(4, 1, 1, 1, bytes({1, 0})));
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_TRUE(PLC_driver.request_queue.isEmpty());
+    EXPECT_EQ(PLC_driver.read_list.first().status, 0);
+    EXPECT_EQ(PLC_driver.write_list.size(), 1);
+    reset_driver(nullptr);
+}

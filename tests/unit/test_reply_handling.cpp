@@ -529,4 +529,30 @@ TEST_F(Reply, NoCallbacksRegisteredIsHarmless)
     EXPECT_TRUE(PLC_driver.write_list.isEmpty());
 }
 
+TEST_F(Reply, CountersWrapInsteadOfOverflowing)
+{
+    info.retry_limit = 0x7FFFFFFF;
+    info.retry_count = 0x7FFFFFFF;
+    PLC_driver.read_list.append(make_var(4, 1, 1, 1));
+    ComCommunication();
+    QByteArray none;
+    EXPECT_EQ(DataCom(&none, 0)->status, 0); // wrapped below the limit: retried
+    EXPECT_EQ(info.retry_count, qint32(0x80000000u));
+    info.replies_received = 0x7FFFFFFF;
+    info.replies_expected = 0;
+    EXPECT_EQ(answer(ComCommunication())->status, 1);
+}
+
+TEST(ReplyWithoutRecord, NoCommInfoRecordJudgesNothing)
+{
+    reset_driver(nullptr);
+    PLC_driver.request_queue.append(make_request(make_var(4, 0, 1, 1), QByteArray(12, 0), 11, 9, 2));
+    QByteArray r(11, 0);
+    RW_VAR *ret = DataCom(&r, 11);
+    EXPECT_EQ(ret->status, 1);
+    EXPECT_EQ(PLC_driver.request_queue.size(), 1);
+    EXPECT_TRUE(PLC_driver.word_mirror.isEmpty());
+    reset_driver(nullptr);
+}
+
 } // namespace

@@ -596,9 +596,11 @@ void Host::close_connection(size_t index, bool dropped)
         ::close(c.fd);
     c.fd = -1;
     if (c.connected.exchange(false) && dropped) {
+        // The first attempt to reconnect is made at once; the back-off
+        // starts with the attempts that fail.
         c.dropped = true;
         c.backoff = config_.reconnect_min;
-        c.next_attempt = Clock::now() + c.backoff;
+        c.next_attempt = Clock::now();
     }
 }
 

@@ -4,6 +4,32 @@
 #include "Driver_Internal.h"
 #include "Driver_Lock.h"
 
+namespace {
+
+// Beyond this many units, a run of values that read as zero is stored by
+// zeroing the entries the mirror already holds instead of inserting one
+// entry per unit.
+const quint64 kZeroRunInsertLimit = 65536;
+
+// Stores the value 0 for the n consecutive keys from first (64-bit wrap).
+// Only a reply that claims more data than arrived gets here; its length
+// argument may claim up to 2^31 bytes, so for a long run the entries already
+// in the mirror are zeroed and the absent ones stay absent: every reader
+// takes an absent entry as 0, so the values read are the same either way.
+template <typename Hash> void store_zero_run(Hash &mirror, quint64 first, quint64 n)
+{
+    if (n <= kZeroRunInsertLimit || n <= quint64(mirror.size())) {
+        for (quint64 i = 0; i < n; ++i)
+            mirror.insert(first + i, 0);
+        return;
+    }
+    for (auto it = mirror.begin(); it != mirror.end(); ++it)
+        if (it.key() - first < n)
+            it.value() = 0;
+}
+
+} // namespace
+
 void save_to_local_data_erea(QByteArray *reply)
 {
     Communication_Protocol &d = PLC_driver;
@@ -26,25 +52,37 @@ void save_to_local_data_erea(QByteArray *reply)
     quint64 key = mirror_key(v.station, cls, v.start_addr);
     const int data_at = head.reply_header_len;
 
+    // Bytes past the reply read as zero. The stores walk only the bytes that
+    // arrived; the units past them are stored as one run of zeros.
     if (v.reg_kind == 0 || v.reg_kind == 1) {
         const int whole = v.count >> 3;
         const int rest = v.count & 7;
         int pos = data_at;
-        for (int i = 0; i < whole; ++i, ++pos) {
+        int i = 0;
+        for (; i < whole && pos < r.size(); ++i, ++pos) {
             const uchar byte = byte_at(r, pos);
             for (int b = 0; b < 8; ++b)
                 d.bit_mirror.insert(key++, uchar((byte >> b) & 1));
         }
+        quint64 missing = i < whole ? quint64(whole - i) * 8u : 0u;
         if (rest != 0) {
-            const uchar byte = byte_at(r, pos);
-            for (int b = 0; b < rest; ++b)
-                d.bit_mirror.insert(key++, uchar((byte >> b) & 1));
+            if (missing == 0 && pos < r.size()) {
+                const uchar byte = byte_at(r, pos);
+                for (int b = 0; b < rest; ++b)
+                    d.bit_mirror.insert(key++, uchar((byte >> b) & 1));
+            } else {
+                missing += quint64(rest);
+            }
         }
+        store_zero_run(d.bit_mirror, key, missing);
     } else if (quint32(v.reg_kind - 2) <= 2u) {
-        // Registers arrive big-endian; bytes past the reply read as zero.
+        // Registers arrive big-endian.
         const qint64 end = qint64(data_at) + head.data_len;
-        for (qint64 pos = data_at; pos < end; pos += 2)
+        qint64 pos = data_at;
+        for (; pos < end && pos < r.size(); pos += 2)
             d.word_mirror.insert(key++, ushort((byte_at(r, int(pos)) << 8) | byte_at(r, int(pos) + 1)));
+        if (pos < end)
+            store_zero_run(d.word_mirror, key, quint64((end - pos + 1) / 2));
     }
 }
 

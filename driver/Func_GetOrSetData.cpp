@@ -148,7 +148,7 @@ extern "C" int GetRegisterData(const void *unused, int reg_kind, const QString &
     char *o = out->data();
     const QHash<quint64, uchar> &bits = d.bit_mirror;
     const QHash<quint64, ushort> &words = d.word_mirror;
-    auto word = [&words](quint64 key) { return words.value(key, 0); };
+    auto word = [&](quint64 key) { return words.value(key, 0); };
 
     switch (reg_kind) {
     case 0:

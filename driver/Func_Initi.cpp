@@ -136,6 +136,15 @@ extern "C" int AddListOnceReadVar(RW_VAR *var, int flag)
         DriverLock lock(d.list_mutex);
         int remaining = var->count;
         while (remaining > 0) {
+            if (d.once_read_list.size() >= kListCap) {
+                // The list is full, so no further chunk can be added: leave
+                // the record as the remaining chunks would (start past the
+                // last one, count the last one's size) without walking them.
+                // An absurd count cannot keep the loop going this way.
+                var->count = (remaining - 1) % block_limit + 1;
+                var->start_addr = qint32(quint32(var->start_addr) + quint32(remaining));
+                break;
+            }
             const int chunk = std::min(remaining, block_limit);
             var->count = chunk;
             bool duplicate = false;

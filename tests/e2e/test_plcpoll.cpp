@@ -1,0 +1,204 @@
+// plcpoll run as a program: one pass as JSON against plcsim, write and read
+// back, both link modes, plain output, the frame trace, and every error
+// message with its exit code.
+#include "e2e_util.h"
+#include "modbus_client.h"
+#include "plcsim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fstream>
+#include <netinet/in.h>
+#include <regex>
+#include <sys/socket.h>
+
+using namespace e2e;
+
+#if defined(PLCSIM_PATH) && defined(PLCPOLL_PATH)
+#define REQUIRE_TOOLS() (void)0
+static const char *const kPlcsim = PLCSIM_PATH;
+static const char *const kPlcpoll = PLCPOLL_PATH;
+#else
+#define REQUIRE_TOOLS() GTEST_SKIP() << "plcsim or plcpoll is not part of this build"
+static const char *const kPlcsim = "";
+static const char *const kPlcpoll = "";
+#endif
+
+namespace {
+
+PlcsimProcess::Result plcpoll(std::vector<std::string> args, int timeout_ms = 20000)
+{
+    return PlcsimProcess::run_to_exit(kPlcpoll, args, timeout_ms);
+}
+
+// A loopback port with nobody listening on it.
+int closed_port()
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
+    socklen_t len = sizeof a;
+    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+    ::close(fd);
+    return ntohs(a.sin_port);
+}
+
+// The "values" array of the tag named `name` in plcpoll's JSON.
+std::string json_values(const std::string &json, const std::string &name)
+{
+    std::smatch m;
+    const std::regex re("\"name\":\"" + name + "\"[^}]*\"values\":\\[([0-9,]*)\\]");
+    return std::regex_search(json, m, re) ? m[1].str() : "<missing>";
+}
+
+std::string write_file(const std::string &name, const std::string &text)
+{
+    const std::string path = "/tmp/plcpoll-e2e-" + std::to_string(::getpid()) + "-" + name;
+    std::ofstream(path) << text;
+    return path;
+}
+
+} // namespace
+
+TEST(Plcpoll, HelpShowsUsageAndExamples)
+{
+    REQUIRE_TOOLS();
+    const auto r = plcpoll({"--help"});
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_NE(r.out.find("usage: plcpoll"), std::string::npos);
+    EXPECT_NE(r.out.find("Examples:"), std::string::npos);
+    EXPECT_NE(r.out.find("--link modbus|remote"), std::string::npos);
+    EXPECT_EQ(r.err, "");
+}
+
+TEST(Plcpoll, OnePassAsJsonMatchesThePeer)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim, {"--static"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    ModbusClient client(sim.modbus_port());
+    client.write_holding(0, {4660, 65535, 7});
+    client.write_coils(0xA000, {1, 0, 1});
+    const auto r = plcpoll({"--port", std::to_string(sim.modbus_port()), "--tag", "w,4,0,1,3", "--tag", "c,1,0.0,1,3",
+                            "--tag", "d,11,0,1,2", "--once", "--json"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_NE(r.out.find("\"complete\":true"), std::string::npos) << r.out;
+    EXPECT_EQ(json_values(r.out, "w"), "4660,65535,7");
+    EXPECT_EQ(json_values(r.out, "c"), "1,0,1");
+    EXPECT_EQ(json_values(r.out, "d"), std::to_string(4660u | 65535u << 16));
+    EXPECT_NE(r.out.find("\"stats\":{\"requests\":"), std::string::npos);
+}
+
+TEST(Plcpoll, ExampleTagFileCoversEveryKindInBothLinkModes)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim);
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    const std::string file = std::string(PLCDRIVER_SOURCE_DIR) + "/tools/plcpoll/example-tags.csv";
+    for (const auto &link :
+         {std::make_pair("modbus", sim.modbus_port()), std::make_pair("remote", sim.remote_port())}) {
+        const auto r = plcpoll({"--port", std::to_string(link.second), "--link", link.first, "--tags", file, "--once",
+                                "--json", "--timeout", "500"});
+        ASSERT_EQ(r.exit_status, 0) << link.first << ": " << r.err;
+        EXPECT_NE(r.out.find("\"complete\":true"), std::string::npos) << r.out;
+        for (int kind = 0; kind < 15; ++kind)
+            EXPECT_NE(r.out.find("\"kind\":" + std::to_string(kind) + ","), std::string::npos) << kind;
+    }
+}
+
+TEST(Plcpoll, WriteThenReadBack)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim, {"--static", "--stations", "1,3"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    const auto r =
+        plcpoll({"--port", std::to_string(sim.modbus_port()), "write", "4", "10", "1234", "0xBEEF", "--station", "3"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_NE(r.out.find("-> ok"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("read back: 1234 (0x04D2), 48879 (0xBEEF)"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("statistics:"), std::string::npos);
+    ModbusClient client(sim.modbus_port(), 3);
+    EXPECT_EQ(client.holding(10, 2), (std::vector<uint16_t>{1234, 0xBEEF}));
+
+    const auto bit = plcpoll({"--port", std::to_string(sim.remote_port()), "--link", "remote", "write", "5", "2.1", "1",
+                              "--station", "3", "--json"});
+    ASSERT_EQ(bit.exit_status, 0) << bit.err;
+    EXPECT_NE(bit.out.find("\"result\":\"ok\",\"read_back\":[1]"), std::string::npos) << bit.out;
+    EXPECT_EQ(client.holding(1, 1)[0], 1 << 1);
+}
+
+TEST(Plcpoll, PlainLinesAndTraceWhenNotATerminal)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim);
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    const auto r = plcpoll({"--port", std::to_string(sim.modbus_port()), "--tag", "ramp,2,4,1,1", "--duration", "0.6",
+                            "--interval", "100", "--trace"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << "no terminal codes in plain output";
+    EXPECT_GE(std::count(r.out.begin(), r.out.end(), '\n'), 3);
+    EXPECT_NE(r.out.find("ramp"), std::string::npos);
+    EXPECT_NE(r.out.find("statistics:"), std::string::npos);
+    EXPECT_TRUE(std::regex_search(r.err, std::regex("tx  12: [0-9A-F]{2} [0-9A-F]{2} 00 00 00 06 01 04 80 04 00 01")))
+        << r.err;
+    EXPECT_TRUE(std::regex_search(r.err, std::regex("rx  11: ")));
+}
+
+TEST(Plcpoll, UnreachablePlc)
+{
+    REQUIRE_TOOLS();
+    const int port = closed_port();
+    const auto r = plcpoll({"--port", std::to_string(port), "--tag", "a,4,0,1,1", "--once"});
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_EQ(r.err, "plcpoll: cannot connect to 127.0.0.1:" + std::to_string(port) + ": Connection refused\n");
+    const auto w = plcpoll({"--port", std::to_string(port), "write", "4", "0", "1"});
+    EXPECT_EQ(w.exit_status, 1);
+    EXPECT_EQ(w.err, "plcpoll: cannot connect to 127.0.0.1:" + std::to_string(port) + ": Connection refused\n");
+}
+
+TEST(Plcpoll, UsageErrorsNameTheProblem)
+{
+    REQUIRE_TOOLS();
+    const std::string bad = write_file("bad.csv", "name,kind,address,station,count\n# fine\nok,4,0,1,1\n\nbad,4,0,1\n");
+    const std::string addr = write_file("addr.csv", "bits,0,12,1,8\n");
+    const std::string kind = write_file("kind.csv", "x,15,0,1,1\n");
+    const struct {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{"--tags", bad}, "plcpoll: " + bad + ":5: expected 5 fields name,kind,address,station,count, got 4\n"},
+        {{"--tags", addr}, "plcpoll: " + addr + ":1: invalid address '12' for kind 0 (expected BYTE.BIT)\n"},
+        {{"--tags", kind}, "plcpoll: " + kind + ":1: invalid kind '15' (0..14)\n"},
+        {{"--tags", "/nonexistent/tags.csv"},
+         "plcpoll: cannot open tag file /nonexistent/tags.csv: No such file or directory\n"},
+        {{"--tag", "a,2,0x10,1,1"},
+         "plcpoll: --tag 'a,2,0x10,1,1': invalid address '0x10' for kind 2 (expected a number)\n"},
+        {{"--tag", "a,2,0,1,0"}, "plcpoll: --tag 'a,2,0,1,0': invalid count '0' (1..10000)\n"},
+        {{"--bogus"}, "plcpoll: unknown option '--bogus' (see --help)\n"},
+        {{"--port"}, "plcpoll: option --port needs a value (see --help)\n"},
+        {{"--port", "70000"}, "plcpoll: invalid value '70000' for --port (1..65535)\n"},
+        {{"--link", "serial"}, "plcpoll: invalid value 'serial' for --link (modbus or remote)\n"},
+        {{"--once"}, "plcpoll: no tags: give --tag or --tags FILE (see --help)\n"},
+        {{"write", "2", "0", "5"},
+         "plcpoll: kind 2 (input register) is read-only; writable kinds are 1 3 4 5 7 8 10 11 13 14\n"},
+        {{"write", "4", "0", "70000"}, "plcpoll: invalid value '70000' for kind 4 (16-bit)\n"},
+        {{"write", "1", "3", "1"}, "plcpoll: invalid address '3' for kind 1 (expected BYTE.BIT)\n"},
+        {{"write", "4", "0"}, "plcpoll: write needs KIND ADDRESS VALUE... (see --help)\n"},
+    };
+    for (const auto &c : cases) {
+        const auto r = plcpoll(c.args);
+        EXPECT_EQ(r.exit_status, 2) << c.err;
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(r.out, "");
+    }
+    std::remove(bad.c_str());
+    std::remove(addr.c_str());
+    std::remove(kind.c_str());
+}

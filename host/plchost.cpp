@@ -361,6 +361,8 @@ void Host::stop()
     for (int guard = 0; guard < 100000; ++guard) {
         Protocol *p = ComCommunication();
         if (!p)
+            p = ComCommunication(); // the first null may only end a burst
+        if (!p)
             break;
         // A request that expects no reply would pass with an empty one; a
         // one-byte answer fails its length check, so it too is given up
@@ -722,6 +724,12 @@ bool Host::exchange_once()
     apply_tags_locked();
 
     Protocol *p = ComCommunication();
+    if (!p) {
+        // A null also ends a burst of five writes or one-shot reads when no
+        // cyclic read follows; the driver has then reset its burst counters,
+        // so a second call tells whether anything is left.
+        p = ComCommunication();
+    }
     if (!p) {
         // Nothing to send (empty lists, or every station switched off).
         const bool go_on = sleep_for(config_.poll_interval, true);

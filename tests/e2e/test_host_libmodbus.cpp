@@ -93,3 +93,29 @@ TEST(HostLibmodbus, OneShotReadFillsTheMirror)
     EXPECT_EQ(values_of(host, t), std::vector<uint64_t>{555});
     EXPECT_FALSE(host.read_once(tag(2, "x", 1)));
 }
+
+TEST(HostLibmodbus, WriteBurstsDoNotWaitForThePollInterval)
+{
+    ModbusPeer peer;
+    auto cfg = config_for(peer.port());
+    cfg.poll_interval = 3000ms;
+    Host host(cfg);
+    ASSERT_TRUE(host.start(true));
+    // The driver sends at most five writes in a row; with no cyclic list the
+    // sixth must still go out at once, not after a poll interval.
+    std::vector<int> ids;
+    for (int n = 0; n < 12; ++n) {
+        std::vector<uint8_t> bytes;
+        auto t = tag(4, std::to_string(500 + n), 0);
+        plchost::encode_values(4, {uint64_t(n + 1)}, &bytes, &t.count);
+        int id = 0;
+        ASSERT_GT(host.write(t, bytes, 1, &id), 0);
+        ids.push_back(id);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    for (int id : ids)
+        ASSERT_EQ(host.wait_done(1, id, 2500ms), DoneResult::Ok);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2500ms);
+    for (int n = 0; n < 12; ++n)
+        EXPECT_EQ(peer.holding(500 + n), n + 1);
+}

@@ -4,10 +4,9 @@
 #include "Driver_Internal.h"
 #include "Driver_Lock.h"
 
-#include <QStringList>
-
 #include <algorithm>
 #include <climits>
+#include <vector>
 #include <utility>
 
 void *LB = nullptr;
@@ -51,23 +50,54 @@ extern "C" void RegistCallBackFuncIntf(WriteDoneCallback write_done, ReadDoneCal
 
 // ---------------------------------------------------------------- addresses
 
+namespace {
+// Decimal parse of text[from, from + len) with the rules of QString::toInt
+// in base 10 (surrounding whitespace, a sign, 32-bit range). Plain runs of
+// one to nine ASCII digits, what address texts nearly always are, are read
+// directly (they cannot overflow); everything else goes to QString::toInt.
+int parse_decimal(const QString &text, int from, int len, bool *ok)
+{
+    if (len >= 1 && len <= 9) {
+        const QChar *p = text.constData() + from;
+        int value = 0;
+        int i = 0;
+        for (; i < len; ++i) {
+            const ushort c = p[i].unicode();
+            if (c < '0' || c > '9')
+                break;
+            value = value * 10 + int(c - '0');
+        }
+        if (i == len) {
+            *ok = true;
+            return value;
+        }
+    }
+    if (from == 0 && len == text.size())
+        return text.toInt(ok, 10);
+    return text.mid(from, len).toInt(ok, 10);
+}
+} // namespace
+
 int StringAddressToInt(int reg_kind, const QString &address_text)
 {
     bool ok = false;
     if (reg_kind == 0 || reg_kind == 1 || reg_kind == 5) {
-        // Bit kinds: "byte.bit"; the bit part is not range-checked.
-        const QStringList parts = address_text.split(QLatin1Char('.'));
-        if (parts.size() != 2)
+        // Bit kinds: "byte.bit", exactly one point (two parts, either may be
+        // empty and then fails to parse); the bit part is not range-checked.
+        const int dot = address_text.indexOf(QLatin1Char('.'));
+        if (dot < 0 || address_text.indexOf(QLatin1Char('.'), dot + 1) >= 0)
             return -1;
-        const int byte = parts.at(0).toInt(&ok, 10);
+        const int byte = parse_decimal(address_text, 0, dot, &ok);
         if (!ok)
             return -1;
-        const int bit = parts.at(1).toInt(&ok, 10);
+        const int bit = parse_decimal(address_text, dot + 1, address_text.size() - dot - 1, &ok);
         if (!ok)
             return -1;
+        // Computed in 32 bits: a byte number past 2^28 wraps (to a negative
+        // value, which callers reject).
         return qint32(quint32(byte) * 8u + quint32(bit));
     }
-    const int value = address_text.toInt(&ok, 10);
+    const int value = parse_decimal(address_text, 0, address_text.size(), &ok);
     return ok ? value : -1;
 }
 
@@ -179,27 +209,35 @@ void Bubble_Sort(QList<RW_VAR> *list)
                      [](const RW_VAR &a, const RW_VAR &b) { return a.start_addr < b.start_addr; });
 }
 
-void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
+namespace {
+// Merges and splits one group, already in address order, into read_list.
+// The group is seen through three accessors so that the same code serves
+// BitVarReCreat (a list of records) and ReCreatReadVarList (a compact index
+// of the runtime's descriptors): addr_at(i) and count_at(i) give record i's
+// start_addr and count, record_at(i) the record itself.
+template <typename AddrAt, typename CountAt, typename RecordAt>
+void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, RecordAt record_at)
 {
-    if (!group || group->isEmpty())
+    if (size <= 0)
         return;
     QList<RW_VAR> &out = PLC_driver.read_list;
     const int limit = block_limit < 1 ? 1 : block_limit;
 
     if (limit == 1) {
         // Neither merged nor split; of equal addresses the largest count wins.
-        out.append(group->first());
-        qint32 addr = group->first().start_addr;
-        qint32 count = group->first().count;
-        for (int i = 1; i < group->size(); ++i) {
-            const RW_VAR &r = group->at(i);
-            if (r.start_addr != addr) {
-                out.append(r);
-                addr = r.start_addr;
-                count = r.count;
-            } else if (r.count > count) {
-                out.last().count = r.count;
-                count = r.count;
+        out.append(record_at(0));
+        qint32 addr = addr_at(0);
+        qint32 count = count_at(0);
+        for (int i = 1; i < size; ++i) {
+            const qint32 a = addr_at(i);
+            const qint32 c = count_at(i);
+            if (a != addr) {
+                out.append(record_at(i));
+                addr = a;
+                count = c;
+            } else if (c > count) {
+                out.last().count = c;
+                count = c;
             }
         }
         return;
@@ -219,19 +257,22 @@ void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
         }
     };
 
+    // S and L: start and length of the current request (the last entry of
+    // read_list), in 64 bits so that sums near the top of the range do not
+    // overflow.
     qint64 S = 0, L = 0;
-    for (int i = 0; i < group->size(); ++i) {
-        const RW_VAR &r = group->at(i);
-        const qint64 A = r.start_addr, C = r.count;
+    for (int i = 0; i < size; ++i) {
+        const qint64 A = addr_at(i), C = count_at(i);
         // A merge needs a request to extend; with none (an empty read_list
         // after a count-0 first record) the record opens its own.
         if (i == 0 || A >= S + limit || out.isEmpty()) {
-            append_pieces(r, A, C);
+            if (C > 0)
+                append_pieces(record_at(i), A, C);
         } else if (A + C > S + L) {
             const qint64 E = A + C - S; // length needed from the request's start
             out.last().count = qint32(std::min<qint64>(E, limit));
             if (E > limit) {
-                const RW_VAR last = out.last();
+                const RW_VAR last = out.last(); // a copy: appending may move the entry
                 append_pieces(last, S + limit, E - limit);
             }
         }
@@ -240,6 +281,88 @@ void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
             L = out.last().count;
         }
     }
+}
+
+// One parsed and converted descriptor of ReCreatReadVarList: what grouping,
+// ordering and merging need, without the texts. The sort key packs the
+// station (bits 47..40), the kind (39..32) and the start address with its
+// sign bit flipped (31..0), so that ascending keys are ascending stations,
+// then kinds, then signed addresses. A descriptor carries an 8-bit station
+// and an 8-bit kind, and the conversion only maps kinds onto 2..4, so both
+// fit; when the default station stands for every variable the station
+// byte is simply 0.
+struct ReadItem {
+    quint64 key;
+    qint32 count;
+    qint32 index; // position in the runtime's list
+};
+
+inline quint64 read_item_key(int station_byte, int kind, qint32 start_addr)
+{
+    return (quint64(quint8(station_byte)) << 40) | (quint64(quint8(kind)) << 32) |
+           quint64(quint32(start_addr) ^ 0x80000000u);
+}
+inline qint32 read_item_kind(const ReadItem &it)
+{
+    return qint32((it.key >> 32) & 0xFFu);
+}
+inline qint32 read_item_start(const ReadItem &it)
+{
+    return qint32(quint32(it.key) ^ 0x80000000u);
+}
+inline quint64 read_item_group(const ReadItem &it)
+{
+    return it.key >> 32;
+}
+
+// Stable ascending sort of the items by key: equal keys keep the runtime's
+// order. Least-significant-digit radix sort over the six key bytes, each
+// pass a stable counting sort; passes in which every item has the same
+// byte are skipped. Linear in the number of items, where a comparison sort
+// would add a logarithmic factor. Short lists take std::stable_sort.
+void sort_read_items(std::vector<ReadItem> &items)
+{
+    const size_t n = items.size();
+    if (n < 256) {
+        std::stable_sort(items.begin(), items.end(),
+                         [](const ReadItem &a, const ReadItem &b) { return a.key < b.key; });
+        return;
+    }
+    const int kBytes = 6;
+    std::vector<size_t> counts(kBytes * 256, 0);
+    for (const ReadItem &it : items)
+        for (int b = 0; b < kBytes; ++b)
+            ++counts[size_t(b) * 256 + ((it.key >> (8 * b)) & 0xFFu)];
+
+    std::vector<ReadItem> scratch(n);
+    ReadItem *src = items.data();
+    ReadItem *dst = scratch.data();
+    for (int b = 0; b < kBytes; ++b) {
+        size_t *c = counts.data() + size_t(b) * 256;
+        if (c[(src[0].key >> (8 * b)) & 0xFFu] == n)
+            continue; // every item has this byte: the pass would not move anything
+        size_t offset = 0;
+        for (int v = 0; v < 256; ++v) {
+            const size_t k = c[v];
+            c[v] = offset;
+            offset += k;
+        }
+        for (size_t i = 0; i < n; ++i)
+            dst[c[(src[i].key >> (8 * b)) & 0xFFu]++] = src[i];
+        std::swap(src, dst);
+    }
+    if (src != items.data())
+        items.swap(scratch);
+}
+} // namespace
+
+void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
+{
+    if (!group)
+        return;
+    merge_group(
+        group->size(), block_limit, [group](int i) { return group->at(i).start_addr; },
+        [group](int i) { return group->at(i).count; }, [group](int i) -> const RW_VAR & { return group->at(i); });
 }
 
 void WhetherGroup(int total, int limit, RW_VAR *var, QList<RW_VAR> *list)
@@ -284,29 +407,53 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         work.ext_param1 = 0;
         work.ext_param2 = 0;
 
-        QMap<int, QMap<int, QList<RW_VAR>>> groups;
-        for (const HostReadVar &h : std::as_const(*descriptors)) {
+        // Parse and convert every descriptor into a compact item; the
+        // texts are only copied for the records that become requests.
+        std::vector<ReadItem> items;
+        items.reserve(size_t(descriptors->size()));
+        for (int i = 0; i < descriptors->size(); ++i) {
+            const HostReadVar &h = descriptors->at(i);
             const int addr = StringAddressToInt(h.reg_kind, h.address_text);
             if (addr < 0)
                 continue;
-            work.name_text = h.name_text;
-            work.address_text = h.address_text;
             work.station = info->station_from_address == 0 ? info->default_station : h.station;
             work.start_addr = addr;
             work.count = h.count;
             work.reg_kind = h.reg_kind;
             Communication_Protocol::update_rw_var(&work);
-            groups[work.station][work.reg_kind].append(work);
+            const int station_byte = info->station_from_address == 0 ? 0 : work.station;
+            items.push_back({read_item_key(station_byte, work.reg_kind, work.start_addr), work.count, i});
         }
 
-        for (auto st = groups.begin(); st != groups.end(); ++st) {
-            for (auto kind = st->begin(); kind != st->end(); ++kind) {
-                QList<RW_VAR> &group = kind.value(); // the map is ours: sort it in place
-                Bubble_Sort(&group);
-                if (group.isEmpty())
-                    continue;
-                BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
-            }
+        // Groups by station, then kind, both ascending; inside a group by
+        // address, equal addresses in the runtime's order. This is the order
+        // of grouping into per-station, per-kind lists in the runtime's order
+        // and sorting each with Bubble_Sort, done as one stable sort.
+        sort_read_items(items);
+
+        // The record a group entry stands for, as the rebuild builds it.
+        auto record_at = [&work, descriptors, info](const ReadItem &it) {
+            const HostReadVar &h = descriptors->at(it.index);
+            RW_VAR r = work;
+            r.name_text = h.name_text;
+            r.address_text = h.address_text;
+            r.station = info->station_from_address == 0 ? info->default_station : h.station;
+            r.reg_kind = read_item_kind(it);
+            r.start_addr = read_item_start(it);
+            r.count = it.count;
+            return r;
+        };
+
+        for (size_t first = 0; first < items.size();) {
+            size_t end = first + 1;
+            while (end < items.size() && read_item_group(items[end]) == read_item_group(items[first]))
+                ++end;
+            const ReadItem *g = items.data() + first;
+            merge_group(
+                int(end - first), BlockLimitForKind(read_item_kind(*g), n),
+                [g](int i) { return read_item_start(g[i]); }, [g](int i) { return g[i].count; },
+                [g, &record_at](int i) { return record_at(g[i]); });
+            first = end;
         }
     }
     return locked_size(d.read_list);

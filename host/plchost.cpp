@@ -304,7 +304,7 @@ void Host::apply_tags_locked()
         v.name_text = QString::fromStdString(t.name);
         list.append(v);
     }
-    ReCreatReadVarList(&list);
+    cyclic_entries_.store(ReCreatReadVarList(&list));
 }
 
 bool Host::start(bool require_connection, std::string *error)
@@ -355,6 +355,7 @@ void Host::stop()
     // and one-shot reads that never went out are reported as failed.
     QList<HostReadVar> none;
     ReCreatReadVarList(&none);
+    cyclic_entries_.store(0);
     const int limit = com_info_->retry_limit;
     com_info_->retry_limit = 0;
     com_info_->retry_count = 0;
@@ -807,9 +808,15 @@ bool Host::exchange_once()
                 ++stats_.give_ups;
         }
         if (good && com_info_->cycle_done == 1) {
-            ++stats_.passes;
-            pass_done = true;
-            done_cv_.notify_all();
+            if (cyclic_entries_.load() > 0) {
+                ++stats_.passes;
+                pass_done = true;
+                done_cv_.notify_all();
+            } else {
+                // Without a cyclic list every good reply "completes a pass";
+                // that is no reason to pause.
+                com_info_->cycle_done = 0;
+            }
         }
     }
 

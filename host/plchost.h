@@ -14,6 +14,7 @@
 #ifndef PLCHOST_PLCHOST_H
 #define PLCHOST_PLCHOST_H
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -215,6 +216,7 @@ private:
     bool running_ = false;
     bool pending_tags_set_ = false;
     std::vector<Tag> pending_tags_;
+    std::atomic<int> cyclic_entries_{0}; // entries of the driver's cyclic list
     Stats stats_;
     double rtt_sum_ms_ = 0;
     std::map<std::pair<int, int>, int> done_; // (source_type, source_id) -> result

@@ -386,6 +386,54 @@ TEST_F(Scenario, TwoStations)
     EXPECT_EQ(read_value(4, "0", 1, 1), bytes({0x03, 0x03}));
 }
 
+TEST_F(Scenario, RemoteFrameBadReplies)
+{
+    info.link_mode = 1;
+    info.retry_limit = 0;
+    Plc plc;
+    plc.word(1, 4, 0) = 0x4242;
+    RW_VAR once = make_var(4, 0, 4, 1, 6, 61);
+    once.address_text = QStringLiteral("0");
+    // One-shot reads of requester kind 6: every failure gives up at once.
+    const int wrong_echo = 0, too_short = 1, too_long = 2, none = 3;
+    for (int c : {wrong_echo, too_short, too_long, none}) {
+        ASSERT_EQ(AddListOnceReadVar(&once, 0), 1);
+        once.start_addr = 0;
+        once.count = 4;
+        Protocol *p = ComCommunication();
+        ASSERT_NE(p, nullptr);
+        ASSERT_EQ(p->reply_len, 13);
+        QByteArray r = plc.remote_reply(p->frame);
+        int length = r.size();
+        int code = 0;
+        if (c == wrong_echo) {
+            r[0] = char(21);
+            code = 17;
+        } else if (c == too_short) {
+            r.chop(1);
+            length = r.size();
+            code = 77;
+        } else if (c == too_long) {
+            r.append(char(0));
+            length = r.size();
+            code = 77;
+        } else {
+            length = 0;
+            code = 47;
+        }
+        EXPECT_EQ(DataCom(&r, length)->status, code) << c;
+        ASSERT_GE(callback_events().size(), 2u);
+        EXPECT_EQ(callback_events()[callback_events().size() - 2].result, 2);
+        EXPECT_EQ(callback_events().back().kind, CallbackEvent::ReadDone);
+        EXPECT_EQ(callback_events().back().source_type, 6);
+    }
+    EXPECT_EQ(read_value(4, "0", 1, 1), bytes({0, 0}));
+    // The same read answered properly.
+    ASSERT_EQ(AddListOnceReadVar(&once, 0), 1);
+    EXPECT_EQ(exchange(plc), 1);
+    EXPECT_EQ(read_value(4, "0", 1, 1), bytes({0x42, 0x42}));
+}
+
 // ------------------------------------------------------------ bad input
 
 class BadReplies : public Scenario {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
-# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus)
+# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -8,6 +8,7 @@ declare -A GROUPS_PKGS=(
   [build]="cmake make g++ pkg-config qtbase5-dev"
   [test]="libgtest-dev libgmock-dev libbenchmark-dev"
   [modbus]="libmodbus-dev python3-pymodbus mbpoll"
+  [fuzz]="clang libclang-rt-14-dev llvm"
 )
 
 wanted=()

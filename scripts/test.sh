@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the normal build (warnings are errors), then the
 # address+undefined sanitizer build, then the thread sanitizer build of the
-# concurrency tests. Installs missing Debian packages first.
+# concurrency tests, then a short run of the libFuzzer targets. Installs
+# missing Debian packages first.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${JOBS:-$(nproc)}
 
-bash scripts/install-deps.sh build test modbus || exit 1
+bash scripts/install-deps.sh build test modbus fuzz || exit 1
 
 summary=()
 total_pass=0
@@ -22,7 +23,8 @@ run_suite() {
   if ! cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPLCDRIVER_WERROR=ON "$@" >"$dir.configure.log" 2>&1; then
     cat "$dir.configure.log"; echo "$name: configure failed"; status=1; summary+=("$name: configure failed"); return
   fi
-  if ! cmake --build "$dir" -j"$jobs" >"$dir.build.log" 2>&1; then
+  # SUITE_TARGETS (set for one call) builds only those targets.
+  if ! cmake --build "$dir" -j"$jobs" ${SUITE_TARGETS:+--target $SUITE_TARGETS} >"$dir.build.log" 2>&1; then
     grep -E "error|warning" "$dir.build.log" | head -50; echo "$name: build failed"; status=1
     summary+=("$name: build failed"); return
   fi
@@ -52,6 +54,11 @@ run_suite "address+undefined sanitizers" build-tests/asan "-LE nosan" \
   -DPLCDRIVER_SANITIZE=address,undefined -DPLCDRIVER_BUILD_BENCHMARKS=OFF
 run_suite "thread sanitizer" build-tests/tsan "-L threads" \
   -DPLCDRIVER_SANITIZE=thread -DPLCDRIVER_BUILD_BENCHMARKS=OFF
+# The libFuzzer targets (clang, address+undefined sanitizers), each run for a
+# few seconds on a copy of its seed corpus; only the fuzz targets are built.
+CC=clang CXX=clang++ SUITE_TARGETS=fuzzers run_suite "fuzz (libFuzzer, short)" build-tests/fuzz "-L fuzz" \
+  -DPLCDRIVER_BUILD_FUZZERS=ON -DPLCDRIVER_BUILD_TESTS=OFF -DPLCDRIVER_BUILD_BENCHMARKS=OFF \
+  -DPLCDRIVER_BUILD_PROGRAMS=OFF
 
 echo
 echo "==== summary"

@@ -210,78 +210,99 @@ void Bubble_Sort(QList<RW_VAR> *list)
 }
 
 namespace {
-// Merges and splits one group, already in address order, into read_list.
-// The group is seen through three accessors so that the same code serves
-// BitVarReCreat (a list of records) and ReCreatReadVarList (a compact index
-// of the runtime's descriptors): addr_at(i) and count_at(i) give record i's
-// start_addr and count, record_at(i) the record itself.
-template <typename AddrAt, typename CountAt, typename RecordAt>
-void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, RecordAt record_at)
+// Merges and splits one group, already in address order. addr_at(i) and
+// count_at(i) give record i's start_addr and count; the requests go to a
+// sink, which holds the list being built (its last entry is the current
+// request) and knows how to make a request from record i. The same code so
+// serves BitVarReCreat (records straight into read_list) and
+// ReCreatReadVarList (a compact index of the runtime's descriptors).
+template <typename AddrAt, typename CountAt, typename Sink>
+void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, Sink &sink)
 {
     if (size <= 0)
         return;
-    QList<RW_VAR> &out = PLC_driver.read_list;
     const int limit = block_limit < 1 ? 1 : block_limit;
 
     if (limit == 1) {
         // Neither merged nor split; of equal addresses the largest count wins.
-        out.append(record_at(0));
+        sink.append_record(0, addr_at(0), count_at(0));
         qint32 addr = addr_at(0);
         qint32 count = count_at(0);
         for (int i = 1; i < size; ++i) {
             const qint32 a = addr_at(i);
             const qint32 c = count_at(i);
             if (a != addr) {
-                out.append(record_at(i));
+                sink.append_record(i, a, c);
                 addr = a;
                 count = c;
             } else if (c > count) {
-                out.last().count = c;
+                sink.set_last_count(c);
                 count = c;
             }
         }
         return;
     }
 
-    // Appends copies of proto covering [start, start + length) in pieces of
-    // at most limit units.
-    auto append_pieces = [&, limit](const RW_VAR &proto, qint64 start, qint64 length) {
-        while (length > 0) {
-            const qint64 piece = std::min<qint64>(length, limit);
-            RW_VAR copy = proto;
-            copy.start_addr = qint32(start);
-            copy.count = qint32(piece);
-            out.append(copy);
-            start += piece;
-            length -= piece;
-        }
-    };
-
     // S and L: start and length of the current request (the last entry of
-    // read_list), in 64 bits so that sums near the top of the range do not
+    // the list), in 64 bits so that sums near the top of the range do not
     // overflow.
     qint64 S = 0, L = 0;
     for (int i = 0; i < size; ++i) {
         const qint64 A = addr_at(i), C = count_at(i);
-        // A merge needs a request to extend; with none (an empty read_list
-        // after a count-0 first record) the record opens its own.
-        if (i == 0 || A >= S + limit || out.isEmpty()) {
-            if (C > 0)
-                append_pieces(record_at(i), A, C);
+        // A merge needs a request to extend; with none (an empty list after
+        // a count-0 first record) the record opens its own.
+        if (i == 0 || A >= S + limit || sink.empty()) {
+            // New request: the record in pieces of at most limit units.
+            for (qint64 start = A, left = C; left > 0;) {
+                const qint64 piece = std::min<qint64>(left, limit);
+                sink.append_record(i, qint32(start), qint32(piece));
+                start += piece;
+                left -= piece;
+            }
         } else if (A + C > S + L) {
+            // Merge: the current request grows to reach A + C; what lies
+            // beyond limit goes as copies of the current request.
             const qint64 E = A + C - S; // length needed from the request's start
-            out.last().count = qint32(std::min<qint64>(E, limit));
-            if (E > limit) {
-                const RW_VAR last = out.last(); // a copy: appending may move the entry
-                append_pieces(last, S + limit, E - limit);
+            sink.set_last_count(qint32(std::min<qint64>(E, limit)));
+            for (qint64 start = S + limit, left = E - limit; left > 0;) {
+                const qint64 piece = std::min<qint64>(left, limit);
+                sink.append_copy_of_last(qint32(start), qint32(piece));
+                start += piece;
+                left -= piece;
             }
         }
-        if (!out.isEmpty()) {
-            S = out.last().start_addr;
-            L = out.last().count;
+        if (!sink.empty()) {
+            S = sink.last_start();
+            L = sink.last_count();
         }
     }
 }
+
+// BitVarReCreat's sink: copies of the group's records, appended to read_list.
+class RecordSink {
+public:
+    RecordSink(QList<RW_VAR> &out, const QList<RW_VAR> &group) : out_(out), group_(group) {}
+    bool empty() const { return out_.isEmpty(); }
+    qint32 last_start() const { return out_.last().start_addr; }
+    qint32 last_count() const { return out_.last().count; }
+    void set_last_count(qint32 count) { out_.last().count = count; }
+    void append_record(int i, qint32 start, qint32 count) { append(group_.at(i), start, count); }
+    void append_copy_of_last(qint32 start, qint32 count)
+    {
+        const RW_VAR last = out_.last(); // a copy: appending may move the entry
+        append(last, start, count);
+    }
+
+private:
+    void append(const RW_VAR &proto, qint32 start, qint32 count)
+    {
+        out_.append(proto);
+        out_.last().start_addr = start;
+        out_.last().count = count;
+    }
+    QList<RW_VAR> &out_;
+    const QList<RW_VAR> &group_;
+};
 
 // One parsed and converted descriptor of ReCreatReadVarList: what grouping,
 // ordering and merging need, without the texts. The sort key packs the
@@ -302,17 +323,17 @@ inline quint64 read_item_key(int station_byte, int kind, qint32 start_addr)
     return (quint64(quint8(station_byte)) << 40) | (quint64(quint8(kind)) << 32) |
            quint64(quint32(start_addr) ^ 0x80000000u);
 }
-inline qint32 read_item_kind(const ReadItem &it)
+inline qint32 read_item_kind(quint64 key)
 {
-    return qint32((it.key >> 32) & 0xFFu);
+    return qint32((key >> 32) & 0xFFu);
 }
-inline qint32 read_item_start(const ReadItem &it)
+inline qint32 read_item_station_byte(quint64 key)
 {
-    return qint32(quint32(it.key) ^ 0x80000000u);
+    return qint32((key >> 40) & 0xFFu);
 }
-inline quint64 read_item_group(const ReadItem &it)
+inline qint32 read_item_start(quint64 key)
 {
-    return it.key >> 32;
+    return qint32(quint32(key) ^ 0x80000000u);
 }
 
 // Stable ascending sort of the items by key: equal keys keep the runtime's
@@ -354,15 +375,53 @@ void sort_read_items(std::vector<ReadItem> &items)
     if (src != items.data())
         items.swap(scratch);
 }
+
+// One request of the rebuilt list before it becomes a record: the group
+// (station and kind, as in the item key), its start and count, and the
+// descriptor whose record it is a copy of.
+struct PlannedRequest {
+    quint64 group_key; // the item key without the address
+    qint32 start_addr;
+    qint32 count;
+    qint32 index;
+};
+
+// ReCreatReadVarList's sink: plans requests over the sorted items of one
+// group at a time; the records are made afterwards, in one pass.
+class PlanSink {
+public:
+    explicit PlanSink(std::vector<PlannedRequest> &out) : out_(out) {}
+    void set_group(const ReadItem *group) { group_ = group; }
+    bool empty() const { return out_.empty(); }
+    qint32 last_start() const { return out_.back().start_addr; }
+    qint32 last_count() const { return out_.back().count; }
+    void set_last_count(qint32 count) { out_.back().count = count; }
+    void append_record(int i, qint32 start, qint32 count)
+    {
+        out_.push_back({group_[i].key & ~quint64(0xFFFFFFFFu), start, count, group_[i].index});
+    }
+    void append_copy_of_last(qint32 start, qint32 count)
+    {
+        PlannedRequest copy = out_.back();
+        copy.start_addr = start;
+        copy.count = count;
+        out_.push_back(copy);
+    }
+
+private:
+    std::vector<PlannedRequest> &out_;
+    const ReadItem *group_ = nullptr;
+};
 } // namespace
 
 void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
 {
     if (!group)
         return;
+    RecordSink sink(PLC_driver.read_list, *group);
     merge_group(
         group->size(), block_limit, [group](int i) { return group->at(i).start_addr; },
-        [group](int i) { return group->at(i).count; }, [group](int i) -> const RW_VAR & { return group->at(i); });
+        [group](int i) { return group->at(i).count; }, sink);
 }
 
 void WhetherGroup(int total, int limit, RW_VAR *var, QList<RW_VAR> *list)
@@ -396,6 +455,7 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         const int n = effective_max_units();
         d.cycle_count = 0;
         info->cycle_done = 0;
+        const bool own_station = info->station_from_address != 0;
 
         RW_VAR work;
         work.source_type = 0;
@@ -407,22 +467,22 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         work.ext_param1 = 0;
         work.ext_param2 = 0;
 
-        // Parse and convert every descriptor into a compact item; the
-        // texts are only copied for the records that become requests.
+        // Parse and convert every descriptor into a compact item.
+        const int host_count = descriptors->size();
         std::vector<ReadItem> items;
-        items.reserve(size_t(descriptors->size()));
-        for (int i = 0; i < descriptors->size(); ++i) {
+        items.reserve(size_t(host_count));
+        for (int i = 0; i < host_count; ++i) {
             const HostReadVar &h = descriptors->at(i);
             const int addr = StringAddressToInt(h.reg_kind, h.address_text);
             if (addr < 0)
                 continue;
-            work.station = info->station_from_address == 0 ? info->default_station : h.station;
+            work.station = own_station ? h.station : info->default_station;
             work.start_addr = addr;
             work.count = h.count;
             work.reg_kind = h.reg_kind;
             Communication_Protocol::update_rw_var(&work);
-            const int station_byte = info->station_from_address == 0 ? 0 : work.station;
-            items.push_back({read_item_key(station_byte, work.reg_kind, work.start_addr), work.count, i});
+            items.push_back(
+                {read_item_key(own_station ? work.station : 0, work.reg_kind, work.start_addr), work.count, i});
         }
 
         // Groups by station, then kind, both ascending; inside a group by
@@ -431,29 +491,69 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // and sorting each with Bubble_Sort, done as one stable sort.
         sort_read_items(items);
 
-        // The record a group entry stands for, as the rebuild builds it.
-        auto record_at = [&work, descriptors, info](const ReadItem &it) {
-            const HostReadVar &h = descriptors->at(it.index);
-            RW_VAR r = work;
-            r.name_text = h.name_text;
-            r.address_text = h.address_text;
-            r.station = info->station_from_address == 0 ? info->default_station : h.station;
-            r.reg_kind = read_item_kind(it);
-            r.start_addr = read_item_start(it);
-            r.count = it.count;
-            return r;
-        };
-
+        // Merge and split each group into planned requests.
+        std::vector<PlannedRequest> plan;
+        PlanSink sink(plan);
         for (size_t first = 0; first < items.size();) {
+            const quint64 group_key = items[first].key >> 32;
             size_t end = first + 1;
-            while (end < items.size() && read_item_group(items[end]) == read_item_group(items[first]))
+            while (end < items.size() && (items[end].key >> 32) == group_key)
                 ++end;
             const ReadItem *g = items.data() + first;
+            sink.set_group(g);
             merge_group(
-                int(end - first), BlockLimitForKind(read_item_kind(*g), n),
-                [g](int i) { return read_item_start(g[i]); }, [g](int i) { return g[i].count; },
-                [g, &record_at](int i) { return record_at(g[i]); });
+                int(end - first), BlockLimitForKind(read_item_kind(g->key), n),
+                [g](int i) { return read_item_start(g[i].key); }, [g](int i) { return g[i].count; }, sink);
             first = end;
+        }
+
+        // The texts of the descriptors that open requests, taken in the
+        // runtime's order: a request list is in address order, and copying
+        // texts in that order would visit the runtime's descriptors (and
+        // the share counts of their strings) at random, which for large
+        // lists costs more than all the rest. Each text is copied once here
+        // and moved into its last request below.
+        struct Texts {
+            QString name_text;
+            QString address_text;
+            int uses = 0;
+        };
+        std::vector<int> slot_of(static_cast<size_t>(host_count), -1);
+        int slots = 0;
+        for (const PlannedRequest &p : plan)
+            if (slot_of[size_t(p.index)] < 0)
+                slot_of[size_t(p.index)] = slots++;
+        std::vector<Texts> texts(static_cast<size_t>(slots));
+        for (const PlannedRequest &p : plan)
+            ++texts[size_t(slot_of[size_t(p.index)])].uses;
+        for (int i = 0; i < host_count; ++i) {
+            const int slot = slot_of[size_t(i)];
+            if (slot < 0)
+                continue;
+            const HostReadVar &h = descriptors->at(i);
+            texts[size_t(slot)].name_text = h.name_text;
+            texts[size_t(slot)].address_text = h.address_text;
+        }
+
+        // The records, in plan order.
+        work.name_text.clear();
+        work.address_text.clear();
+        d.read_list.reserve(int(plan.size()));
+        for (const PlannedRequest &p : plan) {
+            Texts &t = texts[size_t(slot_of[size_t(p.index)])];
+            d.read_list.append(work);
+            RW_VAR &r = d.read_list.last();
+            r.station = own_station ? read_item_station_byte(p.group_key) : info->default_station;
+            r.reg_kind = read_item_kind(p.group_key);
+            r.start_addr = p.start_addr;
+            r.count = p.count;
+            if (--t.uses == 0) {
+                r.name_text = std::move(t.name_text);
+                r.address_text = std::move(t.address_text);
+            } else {
+                r.name_text = t.name_text;
+                r.address_text = t.address_text;
+            }
         }
     }
     return locked_size(d.read_list);

@@ -7,6 +7,8 @@
 #include "driver_test_support.h"
 
 #include <climits>
+#include <map>
+#include <random>
 #include <vector>
 
 namespace {
@@ -471,6 +473,87 @@ TEST_F(ReadListGrouping, WhetherGroupWithoutPositiveLimitAppendsUnchanged)
     ASSERT_EQ(out.size(), 2);
     EXPECT_EQ(out.at(1).start_addr, 4);
     EXPECT_EQ(out.at(1).count, 7);
+}
+
+// The rebuild on large, mixed lists against the plain procedure: group the
+// records per station and kind in the runtime's order, order each group
+// with Bubble_Sort and merge it with BitVarReCreat. Every field of every
+// entry must agree, whichever way the rebuild gets there.
+TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
+{
+    std::mt19937 rng(4242u);
+    static const int kinds[] = {0, 1, 2, 3, 4, 5, 6, 8, 9, 11, 12, 14, 30};
+    for (int round = 0; round < 24; ++round) {
+        info_.max_read_units = round % 4 == 0 ? 1 : round % 4 == 1 ? 7 : round % 4 == 2 ? 100 : 120;
+        info_.station_from_address = round % 3 == 0 ? 0 : 1;
+        info_.default_station = 5;
+        const int size = 100 + int(rng() % 900);
+        const int spread = 1 + int(rng() % 3000);
+        QList<HostReadVar> hosts;
+        for (int k = 0; k < size; ++k) {
+            const int kind = kinds[rng() % (sizeof kinds / sizeof kinds[0])];
+            const int address = int(rng() % unsigned(spread));
+            QByteArray text = kind == 0 || kind == 1 || kind == 5
+                                  ? QByteArray::number(address / 8) + '.' + QByteArray::number(address % 8)
+                                  : QByteArray::number(address);
+            if (rng() % 50 == 0)
+                text = "bad";
+            const int count = int(rng() % 40) - 3; // a few zero and negative counts
+            hosts.append(host(kind, int(rng() % 3) * 7, text.constData(), count, QByteArray::number(k).constData()));
+        }
+
+        // The plain procedure.
+        PLC_driver.read_list.clear();
+        std::map<int, std::map<int, QList<RW_VAR>>> groups;
+        for (const HostReadVar &h : hosts) {
+            const int addr = StringAddressToInt(h.reg_kind, h.address_text);
+            if (addr < 0)
+                continue;
+            RW_VAR r;
+            r.source_id = -1;
+            r.link_mode = info_.link_mode;
+            r.link_id = info_.local_link_id;
+            r.name_text = h.name_text;
+            r.address_text = h.address_text;
+            r.station = info_.station_from_address == 0 ? info_.default_station : h.station;
+            r.start_addr = addr;
+            r.count = h.count;
+            r.reg_kind = h.reg_kind;
+            Communication_Protocol::update_rw_var(&r);
+            groups[r.station][r.reg_kind].append(r);
+        }
+        const int n = info_.max_read_units;
+        for (auto &station : groups) {
+            for (auto &kind : station.second) {
+                QList<RW_VAR> group = kind.second;
+                Bubble_Sort(&group);
+                BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
+            }
+        }
+        const QList<RW_VAR> want = PLC_driver.read_list;
+
+        ASSERT_EQ(rebuild(hosts), want.size()) << "round " << round;
+        const QList<RW_VAR> &got = PLC_driver.read_list;
+        for (int i = 0; i < got.size(); ++i) {
+            const RW_VAR &g = got.at(i);
+            const RW_VAR &w = want.at(i);
+            const std::string where = "round " + std::to_string(round) + " entry " + std::to_string(i);
+            ASSERT_EQ(g.name_text, w.name_text) << where;
+            ASSERT_EQ(g.address_text, w.address_text) << where;
+            ASSERT_EQ(g.station, w.station) << where;
+            ASSERT_EQ(g.reg_kind, w.reg_kind) << where;
+            ASSERT_EQ(g.start_addr, w.start_addr) << where;
+            ASSERT_EQ(g.count, w.count) << where;
+            ASSERT_EQ(g.source_type, w.source_type) << where;
+            ASSERT_EQ(g.source_id, w.source_id) << where;
+            ASSERT_EQ(g.link_mode, w.link_mode) << where;
+            ASSERT_EQ(g.link_id, w.link_id) << where;
+            ASSERT_EQ(g.rw_flag, 0) << where;
+            ASSERT_EQ(g.status, 0) << where;
+            ASSERT_EQ(g.ext_param1, 0) << where;
+            ASSERT_EQ(g.ext_param2, 0) << where;
+        }
+    }
 }
 
 } // namespace

@@ -93,9 +93,10 @@ int StringAddressToInt(int reg_kind, const QString &address_text)
         const int bit = parse_decimal(address_text, dot + 1, address_text.size() - dot - 1, &ok);
         if (!ok)
             return -1;
-        // Computed in 32 bits: a byte number past 2^28 wraps (to a negative
-        // value, which callers reject).
-        return qint32(quint32(byte) * 8u + quint32(bit));
+        // An address that does not fit in 32 bits is no address (it would
+        // otherwise wrap onto some other, valid-looking one).
+        const qint64 address = qint64(byte) * 8 + bit;
+        return address >= INT_MIN && address <= INT_MAX ? int(address) : -1;
     }
     const int value = parse_decimal(address_text, 0, address_text.size(), &ok);
     return ok ? value : -1;

@@ -117,13 +117,18 @@ TEST_F(AddressParsing, NumbersMustFitInThirtyTwoBits)
     expect_cases(cases, sizeof cases / sizeof cases[0]);
 }
 
-TEST_F(AddressParsing, BitAddressBeyondThirtyTwoBitsWrapsToNegative)
+TEST_F(AddressParsing, BitAddressBeyondThirtyTwoBitsIsNoAddress)
 {
-    // byte * 8 + bit is computed in 32 bits and wraps; the wrapped value is
-    // negative, which every caller rejects as "no address".
-    expect_address(0, QStringLiteral("268435456.0"), INT_MIN);
-    expect_address(1, QStringLiteral("268435455.8"), INT_MIN);
-    expect_address(5, QStringLiteral("536870911.0"), -8);
+    // byte * 8 + bit must fit in 32 bits; otherwise the text is no address
+    // (rather than wrapping onto another one: 536870912.0 would wrap to 0).
+    expect_address(0, QStringLiteral("268435456.0"), -1);
+    expect_address(1, QStringLiteral("268435455.8"), -1);
+    expect_address(5, QStringLiteral("536870911.0"), -1);
+    expect_address(0, QStringLiteral("536870912.0"), -1);
+    expect_address(0, QStringLiteral("0.-2147483648"), INT_MIN);
+    expect_address(0, QStringLiteral("-268435456.0"), INT_MIN);
+    expect_address(0, QStringLiteral("-268435456.-1"), -1);
+    expect_address(0, QStringLiteral("268435455.-2147483648"), -8);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
-# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz)
+# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -9,6 +9,8 @@ declare -A GROUPS_PKGS=(
   [test]="libgtest-dev libgmock-dev libbenchmark-dev"
   [modbus]="libmodbus-dev python3-pymodbus mbpoll"
   [fuzz]="clang libclang-rt-14-dev llvm"
+  # Instruction counts of the benchmarks (valgrind --tool=callgrind).
+  [profile]="valgrind"
 )
 
 wanted=()

@@ -119,3 +119,32 @@ TEST(HostLibmodbus, WriteBurstsDoNotWaitForThePollInterval)
     for (int n = 0; n < 12; ++n)
         EXPECT_EQ(peer.holding(500 + n), n + 1);
 }
+
+TEST(HostLibmodbus, EndpointsAreChosenByStation)
+{
+    ModbusPeer a, b;
+    a.set_holding(5, 0xAAAA);
+    b.set_holding(5, 0xBBBB);
+    auto cfg = config_for(a.port());
+    cfg.endpoints[0].stations = {1};
+    plchost::Endpoint second;
+    second.port = uint16_t(b.port());
+    second.stations = {2};
+    cfg.endpoints.push_back(second);
+    Host host(cfg);
+    const auto s1 = tag(4, "5", 1, 1), s2 = tag(4, "5", 1, 2);
+    host.set_tags({s1, s2});
+    ASSERT_TRUE(host.start(true));
+    ASSERT_TRUE(host.wait_passes(2, 3000ms));
+    EXPECT_EQ(values_of(host, s1), std::vector<uint64_t>{0xAAAA});
+    EXPECT_EQ(values_of(host, s2), std::vector<uint64_t>{0xBBBB});
+    ASSERT_EQ(write_values(host, tag(4, "6", 0, 2), {0x1234}), DoneResult::Ok);
+    EXPECT_EQ(b.holding(6), 0x1234);
+    EXPECT_EQ(a.holding(6), 0);
+    EXPECT_GT(a.requests_for_unit(1), 0u);
+    EXPECT_EQ(a.requests_for_unit(2), 0u);
+    EXPECT_GT(b.requests_for_unit(2), 0u);
+    EXPECT_EQ(b.requests_for_unit(1), 0u);
+    EXPECT_TRUE(host.connected(0));
+    EXPECT_TRUE(host.connected(1));
+}

@@ -6,7 +6,8 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cstdio>
+#include <sstream>
 
 using namespace e2e;
 using plchost::DoneResult;
@@ -40,9 +41,8 @@ struct PymodbusServer {
     PymodbusServer()
     {
         const std::string line = child.read_line(20000ms);
-        std::smatch m;
-        if (std::regex_search(line, m, std::regex("port=([0-9]+)")))
-            port = std::stoi(m[1]);
+        if (std::sscanf(line.c_str(), "port=%d", &port) != 1)
+            port = 0;
     }
 };
 
@@ -53,10 +53,15 @@ std::vector<uint64_t> mbpoll(int port, const std::string &type, int start, int c
     const auto r = PlcsimProcess::run_to_exit(kMbpoll, {"-m", "tcp", "-a", std::to_string(unit), "-0", "-1", "-t", type,
                                                         "-r", std::to_string(start), "-c", std::to_string(count), "-p",
                                                         std::to_string(port), "127.0.0.1"});
+    // Lines look like "[100]: \t0x04D2".
     std::vector<uint64_t> values;
-    std::regex line(R"(\[(\d+)\]:\s+(0x[0-9A-Fa-f]+|-?\d+))");
-    for (auto it = std::sregex_iterator(r.out.begin(), r.out.end(), line); it != std::sregex_iterator(); ++it)
-        values.push_back(uint64_t(std::stoll((*it)[2].str(), nullptr, 0)) & 0xFFFF);
+    std::istringstream lines(r.out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto at = line.find("]:");
+        if (line.empty() || line[0] != '[' || at == std::string::npos)
+            continue;
+        values.push_back(uint64_t(std::stoll(line.substr(at + 2), nullptr, 0)) & 0xFFFF);
+    }
     return values;
 }
 

@@ -9,7 +9,7 @@
 //                before, bit 6 station_from_address, bit 7 count read as a
 //                full 32-bit value (absurd counts reach the one-shot and
 //                one-shot path as they are)
-//   kind (mod 15), station, count (i16, or i32 with bit 7), retry_limit (i8), max_read_units (i8),
+//   kind (mod 15), station, count (i16, or i32 with bit 7), retry_limit (i8), max_read_units (byte - 8),
 //   source_type (i8), source_id (i8), ext_param1 selector, ext_param2 (i8),
 //   address text (valid for the kind or from the grammar), write data
 //   (length byte, bytes)
@@ -86,7 +86,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_info.station_from_address = (setup >> 6) & 1;
     g_info.default_station = station;
     g_info.retry_limit = in.i8();
-    g_info.max_read_units = in.i8();
+    // max_read_units from -8 to 247 (SetComInfo turns values above 120 into
+    // 100): 0 and negative values occur, but rarely, since they make every
+    // one-shot chunk a single unit and the duplicate scan of a filling
+    // one-shot list is quadratic (up to 2048 x 2048 comparisons).
+    g_info.max_read_units = int(in.u8()) - 8;
     g_info.write_mode = 2;
     reset_driver(&g_info);
     fuzz_register_callbacks(g_info.host_handle);

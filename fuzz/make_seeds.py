@@ -99,7 +99,7 @@ def datacom_head(setup, kind, station, count, retry=3, max_units=100, source_typ
                  ext2=0, address=addr_for_kind(10), data=b""):
     out = u8(setup) + u8(kind) + u8(station)
     out += i32(count) if setup & 0x80 else i16(count)
-    out += i8(retry) + i8(max_units) + i8(source_type) + i8(source_id) + u8(ext_sel) + i8(ext2)
+    out += i8(retry) + u8(max_units + 8) + i8(source_type) + i8(source_id) + u8(ext_sel) + i8(ext2)
     out += address + u8(len(data)) + data
     return out
 

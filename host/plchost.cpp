@@ -824,9 +824,11 @@ bool Host::exchange_once()
     events.swap(events_);
     for (const CallbackEvent &e : events) {
         if (e.write_done) {
-            notify_done(e.source_type, e.source_id, e.result);
+            // The hook first: whoever waits in wait_done() then also finds
+            // the hook's effects.
             if (write_done_hook_)
                 write_done_hook_(e.handle, e.source_type, e.source_id, e.result);
+            notify_done(e.source_type, e.source_id, e.result);
         } else {
             {
                 std::lock_guard<std::mutex> lock(mutex_);

@@ -269,10 +269,9 @@ TEST(HostBadPeers, BytesAfterAReplyAreDrainedBeforeTheNextRequest)
 {
     Rig rig(Mode::Trailing);
     ASSERT_TRUE(rig.host->start(true));
-    ASSERT_TRUE(rig.host->wait_passes(3, 3000ms));
+    ASSERT_TRUE(rig.host->wait_passes(3, 10000ms));
     EXPECT_EQ(values_of(*rig.host, rig.t), (std::vector<uint64_t>{0x0100, 0x0101}));
     const auto s = rig.host->stats();
     EXPECT_EQ(s.failed_replies, 0u);
     EXPECT_GE(s.stale_bytes, 4u);
-    EXPECT_EQ(s.stale_bytes % 4, 0u);
 }

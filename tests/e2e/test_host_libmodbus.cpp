@@ -26,7 +26,7 @@ TEST(HostLibmodbus, CyclicReadOfHoldingRegistersFollowsThePeer)
     ASSERT_TRUE(eventually([&] { return values_of(host, t) == std::vector<uint64_t>{0x1234, 7}; }));
     host.stop();
     const auto s = host.stats();
-    EXPECT_GT(s.requests, 2u);
+    EXPECT_GE(s.requests, 2u);
     EXPECT_EQ(s.good_replies, s.requests);
     EXPECT_EQ(s.failed_replies, 0u);
     EXPECT_GT(s.passes, 0u);

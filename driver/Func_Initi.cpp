@@ -342,7 +342,7 @@ inline qint32 read_item_start(quint64 key)
 // pass a stable counting sort; passes in which every item has the same
 // byte are skipped. Linear in the number of items, where a comparison sort
 // would add a logarithmic factor. Short lists take std::stable_sort.
-void sort_read_items(std::vector<ReadItem> &items)
+void sort_read_items(std::vector<ReadItem> &items, std::vector<ReadItem> &scratch)
 {
     const size_t n = items.size();
     if (n < 256) {
@@ -356,7 +356,7 @@ void sort_read_items(std::vector<ReadItem> &items)
         for (int b = 0; b < kBytes; ++b)
             ++counts[size_t(b) * 256 + ((it.key >> (8 * b)) & 0xFFu)];
 
-    std::vector<ReadItem> scratch(n);
+    scratch.resize(n);
     ReadItem *src = items.data();
     ReadItem *dst = scratch.data();
     for (int b = 0; b < kBytes; ++b) {
@@ -386,6 +386,40 @@ struct PlannedRequest {
     qint32 count;
     qint32 index;
 };
+
+// The texts of one descriptor that opens requests, and how many requests
+// still take them.
+struct PlannedTexts {
+    QString name_text;
+    QString address_text;
+    int uses = 0;
+};
+
+// Work buffers of ReCreatReadVarList, used only under list_mutex. They keep
+// their capacity from one rebuild to the next: large buffers freed and
+// allocated again on every call would be handed back to the system and
+// mapped afresh each time, and those page faults cost more than the rebuild
+// itself. A buffer far larger than the current call needs is released.
+struct RebuildBuffers {
+    std::vector<ReadItem> items;
+    std::vector<ReadItem> scratch;
+    std::vector<PlannedRequest> plan;
+    std::vector<int> slot_of;
+    std::vector<PlannedTexts> texts;
+};
+
+template <typename T> void reuse(std::vector<T> &v, size_t need)
+{
+    if (v.capacity() > 4 * need + 4096)
+        std::vector<T>().swap(v);
+    v.clear();
+}
+
+RebuildBuffers &rebuild_buffers()
+{
+    static RebuildBuffers buffers;
+    return buffers;
+}
 
 // ReCreatReadVarList's sink: plans requests over the sorted items of one
 // group at a time; the records are made afterwards, in one pass.
@@ -470,7 +504,13 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
 
         // Parse and convert every descriptor into a compact item.
         const int host_count = descriptors->size();
-        std::vector<ReadItem> items;
+        RebuildBuffers &buf = rebuild_buffers();
+        reuse(buf.items, size_t(host_count));
+        reuse(buf.scratch, size_t(host_count));
+        reuse(buf.plan, size_t(host_count));
+        reuse(buf.slot_of, size_t(host_count));
+        reuse(buf.texts, size_t(host_count));
+        std::vector<ReadItem> &items = buf.items;
         items.reserve(size_t(host_count));
         for (int i = 0; i < host_count; ++i) {
             const HostReadVar &h = descriptors->at(i);
@@ -490,10 +530,10 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // address, equal addresses in the runtime's order. This is the order
         // of grouping into per-station, per-kind lists in the runtime's order
         // and sorting each with Bubble_Sort, done as one stable sort.
-        sort_read_items(items);
+        sort_read_items(items, buf.scratch);
 
         // Merge and split each group into planned requests.
-        std::vector<PlannedRequest> plan;
+        std::vector<PlannedRequest> &plan = buf.plan;
         PlanSink sink(plan);
         for (size_t first = 0; first < items.size();) {
             const quint64 group_key = items[first].key >> 32;
@@ -514,17 +554,14 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // the share counts of their strings) at random, which for large
         // lists costs more than all the rest. Each text is copied once here
         // and moved into its last request below.
-        struct Texts {
-            QString name_text;
-            QString address_text;
-            int uses = 0;
-        };
-        std::vector<int> slot_of(static_cast<size_t>(host_count), -1);
+        std::vector<int> &slot_of = buf.slot_of;
+        slot_of.assign(size_t(host_count), -1);
         int slots = 0;
         for (const PlannedRequest &p : plan)
             if (slot_of[size_t(p.index)] < 0)
                 slot_of[size_t(p.index)] = slots++;
-        std::vector<Texts> texts(static_cast<size_t>(slots));
+        std::vector<PlannedTexts> &texts = buf.texts;
+        texts.resize(size_t(slots));
         for (const PlannedRequest &p : plan)
             ++texts[size_t(slot_of[size_t(p.index)])].uses;
         for (int i = 0; i < host_count; ++i) {
@@ -541,7 +578,7 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         work.address_text.clear();
         d.read_list.reserve(int(plan.size()));
         for (const PlannedRequest &p : plan) {
-            Texts &t = texts[size_t(slot_of[size_t(p.index)])];
+            PlannedTexts &t = texts[size_t(slot_of[size_t(p.index)])];
             d.read_list.append(work);
             RW_VAR &r = d.read_list.last();
             r.station = own_station ? read_item_station_byte(p.group_key) : info->default_station;

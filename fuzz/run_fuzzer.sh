@@ -32,7 +32,7 @@ elapsed=$(($(date +%s) - start))
 execs=$(sed -nE 's/^stat::number_of_executed_units: *([0-9]+).*/\1/p' "$work/fuzz.log" | tail -1)
 cov=$(grep -oE 'cov: [0-9]+ ft: [0-9]+' "$work/fuzz.log" | tail -1)
 files=$(find "$work/corpus" -type f | wc -l)
-bytes=$(du -sb "$work/corpus" | cut -f1)
+bytes=$(find "$work/corpus" -type f -printf '%s\n' | awk '{s += $1} END {print s + 0}')
 echo "$name: ${execs:-?} executions in ${elapsed} s, ${cov:-cov: ?}, corpus ${files} files (${bytes} bytes), exit ${rc}"
 if [[ $rc -ne 0 ]]; then
   echo "---- $name: end of the log ($work/fuzz.log)"

@@ -68,6 +68,11 @@ Polling and output:
 
 Write: KIND is a writable kind (1 3 4 5 7 8 10 11 13 14), VALUE... one number
 per value (decimal, or hex with 0x); the value is read back afterwards.
+The driver writes kinds 10 and 13 at the doubled (quadrupled) address without
+the class-3 offset 0xA000 that its reads of them add, so their read back shows
+the class-3 registers, not the ones written (exit status 1).
+On the remote frame the driver rejects replies under 8 bytes; plcpoll reads at
+least 3 data bytes there and shows only the units asked for.
 
 Examples:
   plcpoll --tags tools/plcpoll/example-tags.csv

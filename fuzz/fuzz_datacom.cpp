@@ -28,7 +28,9 @@
 //     retry_count 0, read_done_cb called once;
 //   - retry_count is 0 or at most retry_limit;
 //   - the queue is empty or its head is what ComCommunication returns next;
-//   - callbacks only report results 1 and 2 (fuzz_common.h).
+//   - callbacks only report results 1 and 2 (fuzz_common.h);
+//   - after a good local-area reply to a read whose bytes all arrived, the
+//     mirror holds the reply's data under the request's keys.
 #include "fuzz_common.h"
 
 #include <QList>
@@ -62,6 +64,38 @@ Protocol *next_request()
         FUZZ_CHECK(p == (d.request_queue.isEmpty() ? nullptr : &d.request_queue.first()));
     }
     return p;
+}
+
+// After a good local-area reply to a read whose bytes all arrived (array,
+// length argument and expected length agree), the mirror holds the reply's
+// data under the request's keys: registers big-endian on the wire, bits
+// least significant first.
+void check_stored(const Protocol &p, const QByteArray &reply, int length)
+{
+    const RW_VAR &v = p.var;
+    if (v.rw_flag != 0 || v.station == 0 || v.ext_param1 == -1 || v.ext_param1 == -2)
+        return;
+    if (reply.size() != length || length != p.reply_len || p.data_len < 0 || p.data_len > 4096 ||
+        reply.size() < p.reply_header_len + p.data_len)
+        return;
+    const Communication_Protocol &d = PLC_driver;
+    const int cls = Communication_Protocol::get_plc_reg(v.reg_kind);
+    const quint64 first =
+        (quint64((quint32(v.station) << 24) | (quint32(cls) << 16)) << 32) | quint64(qint64(v.start_addr));
+    auto at = [&reply](int i) { return uchar(reply.at(i)); };
+    if (v.reg_kind >= 2 && v.reg_kind <= 4) {
+        for (int i = 0; 2 * i + 1 < p.data_len; ++i) {
+            const ushort expected = ushort((at(p.reply_header_len + 2 * i) << 8) | at(p.reply_header_len + 2 * i + 1));
+            FUZZ_CHECK(d.word_mirror.contains(first + quint64(i)));
+            FUZZ_CHECK(d.word_mirror.value(first + quint64(i)) == expected);
+        }
+    } else if ((v.reg_kind == 0 || v.reg_kind == 1) && v.count >= 0 && v.count <= 8 * p.data_len) {
+        for (int i = 0; i < v.count; ++i) {
+            const int expected = (at(p.reply_header_len + (i >> 3)) >> (i & 7)) & 1;
+            FUZZ_CHECK(d.bit_mirror.contains(first + quint64(i)));
+            FUZZ_CHECK(d.bit_mirror.value(first + quint64(i)) == expected);
+        }
+    }
 }
 
 } // namespace
@@ -162,6 +196,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const int head_kind = pending ? head->var.reg_kind : -1;
         const int head_reply_len = pending ? head->reply_len : -1;
         const int read_done_before = callback_log().read_done;
+        const Protocol head_copy = pending ? *head : Protocol();
+        const bool local = pending && head_copy.var.link_id == g_info.local_link_id;
 
         RW_VAR *ret = DataCom(null_reply ? nullptr : &reply, length);
 
@@ -189,6 +225,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             FUZZ_CHECK(d.request_queue.size() == queued - 1);
             FUZZ_CHECK(!comm_failed_get());
         }
+        if (status == 1 && local && !null_reply)
+            check_stored(head_copy, reply, length);
         FUZZ_CHECK(g_info.retry_count == 0 || g_info.retry_count <= g_info.retry_limit);
         if (!d.request_queue.isEmpty())
             FUZZ_CHECK(ComCommunication() == &d.request_queue.first());

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
-# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile)
+# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile package qt6 arm64)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -11,6 +11,13 @@ declare -A GROUPS_PKGS=(
   [fuzz]="clang libclang-rt-14-dev llvm"
   # Instruction counts of the benchmarks (valgrind --tool=callgrind).
   [profile]="valgrind"
+  # The Debian package test (cpack: dpkg-shlibdeps and file).
+  [package]="dpkg-dev file"
+  # The Qt 6 build of the driver and its unit tests.
+  [qt6]="qt6-base-dev"
+  # Cross build for 64-bit ARM boards, unit tests under qemu: the arm64 Qt Core
+  # runtime (multi-arch, beside the machine's own Qt 5) and GoogleTest's sources.
+  [arm64]="g++-aarch64-linux-gnu qemu-user googletest libqt5core5a:arm64"
 )
 
 wanted=()
@@ -33,6 +40,24 @@ if [[ $(id -u) -ne 0 ]]; then
   command -v sudo >/dev/null || { echo "install-deps: need root (or sudo) to install: ${missing[*]}" >&2; exit 1; }
   SUDO="sudo"
 fi
+# Packages of another architecture (name:arch) need it enabled in dpkg first.
+for pkg in "${missing[@]}"; do
+  if [[ $pkg == *:* ]] && ! dpkg --print-foreign-architectures | grep -x "${pkg##*:}" >/dev/null; then
+    $SUDO dpkg --add-architecture "${pkg##*:}"
+  fi
+done
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
+# Never remove an installed package to make room (others build against them):
+# simulate first and refuse when apt would remove anything.
+plan=$($SUDO apt-get install -s --no-install-recommends "${missing[@]}" 2>&1) || {
+  echo "$plan" | tail -5 >&2
+  echo "install-deps: cannot install ${missing[*]}" >&2
+  exit 1
+}
+if removals=$(grep '^Remv ' <<<"$plan"); then
+  echo "install-deps: installing ${missing[*]} would remove installed packages; not installing:" >&2
+  echo "$removals" >&2
+  exit 1
+fi
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

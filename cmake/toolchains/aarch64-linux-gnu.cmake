@@ -7,8 +7,8 @@
 #
 # Qt Core comes from the arm64 runtime package (libqt5core5a:arm64, which
 # co-installs with the machine's own Qt) and the build machine's Qt 5 headers;
-# see qt5-aarch64/Qt5Config.cmake. Set PLCDRIVER_QT5_ARM64_DIR to use a
-# different Qt 5 package directory (for example a board's sysroot).
+# see qt5-aarch64/Qt5Config.cmake. Pass -DQt5_DIR=... to use another Qt 5
+# package folder instead (for example one in a board's sysroot).
 #
 # Test programs run under qemu-aarch64 (Debian package qemu-user) through
 # CMAKE_CROSSCOMPILING_EMULATOR, both for ctest and for GoogleTest's test
@@ -33,8 +33,4 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 # pkg-config must only see arm64 .pc files.
 set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig")
 
-if(NOT DEFINED Qt5_DIR AND NOT DEFINED PLCDRIVER_QT5_ARM64_DIR)
-  set(Qt5_DIR ${CMAKE_CURRENT_LIST_DIR}/qt5-aarch64 CACHE PATH "Qt 5 package for aarch64")
-elseif(DEFINED PLCDRIVER_QT5_ARM64_DIR)
-  set(Qt5_DIR ${PLCDRIVER_QT5_ARM64_DIR} CACHE PATH "Qt 5 package for aarch64")
-endif()
+set(Qt5_DIR ${CMAKE_CURRENT_LIST_DIR}/qt5-aarch64 CACHE PATH "Qt 5 package for aarch64")

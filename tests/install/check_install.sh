@@ -62,6 +62,16 @@ do_install() {
     fail "cmake --install failed"
   }
   check_tree "$work/prefix"
+  # The programs, when this build has them, install into bin/ and run from
+  # there with the installed library.
+  local prog
+  for prog in tools/plcpoll/plcpoll simulator/plcsim; do
+    [[ -x "$build/$prog" ]] || continue
+    [[ -x "$work/prefix/bin/$(basename $prog)" ]] || fail "$(basename $prog) was not installed into bin/"
+    "$work/prefix/bin/$(basename $prog)" --help >"$work/$(basename $prog).help" 2>&1 ||
+      fail "installed $(basename $prog) --help failed: $(head -5 "$work/$(basename $prog).help")"
+    echo "installed $(basename $prog) runs"
+  done
 }
 
 build_with_make() { # build_with_make LIBDIR: the pkg-config Makefile in a copy of the example

@@ -20,6 +20,9 @@
 //     0 or less merges its next records into the last entry of read_list,
 //     which belongs to the previous group; such an entry is then bounded by
 //     the larger limit of the two groups;
+//   - the list equals the one a step-by-step rendering of the documented
+//     rebuild gives (groups in the runtime's order, exchange sort, merge and
+//     split; reference_read_list below), field by field;
 //   - without that exception and away from 32-bit address wrap-around: the
 //     entries of one station and kind have strictly ascending start
 //     addresses, and every unit a record asks for is read by an entry of its
@@ -51,6 +54,101 @@ struct Record {
     int64_t count;
 };
 
+// The rebuild as the driver documents it, written out step by step: groups
+// per station and kind in the runtime's order, each ordered by an exchange
+// sort, then merged and split. The driver's own rebuild (one ordered pass
+// over compact items) must give exactly this list.
+QList<RW_VAR> reference_read_list(const QList<HostReadVar> &descriptors, const ComInfo &info, int n)
+{
+    std::map<int, std::map<int, std::vector<RW_VAR>>> groups;
+    RW_VAR work;
+    work.source_type = 0;
+    work.source_id = -1;
+    work.rw_flag = 0;
+    work.link_mode = info.link_mode;
+    work.link_id = info.local_link_id;
+    work.status = 0;
+    for (const HostReadVar &h : descriptors) {
+        const int addr = StringAddressToInt(h.reg_kind, h.address_text);
+        if (addr < 0)
+            continue;
+        work.name_text = h.name_text;
+        work.address_text = h.address_text;
+        work.station = info.station_from_address == 0 ? info.default_station : h.station;
+        work.start_addr = addr;
+        work.count = h.count;
+        work.reg_kind = h.reg_kind;
+        Communication_Protocol::update_rw_var(&work);
+        groups[work.station][work.reg_kind].push_back(work);
+    }
+
+    QList<RW_VAR> out;
+    for (auto &station : groups) {
+        for (auto &kind : station.second) {
+            std::vector<RW_VAR> &g = kind.second;
+            // Exchange sort: ascending start_addr, equal addresses keep their order.
+            for (size_t i = 0; i + 1 < g.size(); ++i)
+                for (size_t j = g.size() - 1; j > i; --j)
+                    if (g[j].start_addr < g[j - 1].start_addr)
+                        std::swap(g[j], g[j - 1]);
+            const int k = g.front().reg_kind;
+            const int limit = (k == 0 || k == 1)     ? 2 * n
+                              : (k >= 9 && k <= 11)  ? std::min(n, 50)
+                              : (k >= 12 && k <= 14) ? std::min(n, 25)
+                                                     : n;
+            if (limit == 1) {
+                out.append(g.front());
+                int addr = g.front().start_addr, count = g.front().count;
+                for (size_t i = 1; i < g.size(); ++i) {
+                    if (g[i].start_addr != addr) {
+                        out.append(g[i]);
+                        addr = g[i].start_addr;
+                        count = g[i].count;
+                    } else if (g[i].count > count) {
+                        out.last().count = g[i].count;
+                        count = g[i].count;
+                    }
+                }
+                continue;
+            }
+            auto pieces = [&out, limit](RW_VAR proto, int64_t start, int64_t left) {
+                for (; left > 0; start += limit, left -= limit) {
+                    proto.start_addr = int32_t(start);
+                    proto.count = int32_t(std::min<int64_t>(left, limit));
+                    out.append(proto);
+                }
+            };
+            int64_t S = 0, L = 0;
+            for (size_t i = 0; i < g.size(); ++i) {
+                const int64_t A = g[i].start_addr, C = g[i].count;
+                // With no entry at all to extend, a record opens its own request.
+                if (i == 0 || A >= S + limit || out.isEmpty()) {
+                    pieces(g[i], A, C);
+                } else if (A + C > S + L) {
+                    const int64_t E = A + C - S;
+                    out.last().count = int32_t(std::min<int64_t>(E, limit));
+                    if (E > limit)
+                        pieces(out.last(), S + limit, E - limit);
+                }
+                if (!out.isEmpty()) {
+                    S = out.last().start_addr;
+                    L = out.last().count;
+                }
+            }
+        }
+    }
+    return out;
+}
+
+bool same_entry(const RW_VAR &a, const RW_VAR &b)
+{
+    return a.source_type == b.source_type && a.source_id == b.source_id && a.rw_flag == b.rw_flag &&
+           a.link_mode == b.link_mode && a.link_id == b.link_id && a.status == b.status && a.name_text == b.name_text &&
+           a.address_text == b.address_text && a.reg_kind == b.reg_kind && a.start_addr == b.start_addr &&
+           a.station == b.station && a.count == b.count && a.ext_param1 == b.ext_param1 &&
+           a.ext_param2 == b.ext_param2 && a.data == b.data;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -74,7 +172,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         h.reg_kind = in.u8();
         h.station = in.u8();
         h.address_text = fuzz_address_text(in);
-        h.name_text = QStringLiteral("d");
+        h.name_text = QStringLiteral("d%1").arg(descriptors.size());
         h.count = int16_t(in.u16() << 4) >> 4;
         descriptors.append(h);
     }
@@ -82,6 +180,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int result = ReCreatReadVarList(&descriptors);
     const QList<RW_VAR> &list = d.read_list;
     FUZZ_CHECK(result == list.size());
+
+    const QList<RW_VAR> expected = reference_read_list(descriptors, g_info, n);
+    FUZZ_CHECK(list.size() == expected.size());
+    for (int i = 0; i < list.size(); ++i)
+        FUZZ_CHECK(same_entry(list.at(i), expected.at(i)));
     if (descriptors.isEmpty())
         FUZZ_CHECK(result == 0);
 

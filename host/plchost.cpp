@@ -282,29 +282,67 @@ int Host::set_tags(const std::vector<Tag> &tags, std::string *error)
     return accepted;
 }
 
-// Builds the driver's cyclic list from the pending tags. Called before the
-// thread starts or on the communication thread, because the driver writes
-// the record's cycle flag while it rebuilds.
+bool Host::add_read_block(int kind, int start, int count, int station)
+{
+    if (kind < 0 || kind > 4 || start < 0 || count < 1 || station < 0 || station > 255)
+        return false;
+    std::unique_lock<std::mutex> lock(mutex_);
+    pending_blocks_.push_back({kind, start, count, station});
+    if (!running_) {
+        lock.unlock();
+        apply_tags_locked();
+    } else {
+        kicked_ = true;
+        wake_cv_.notify_all();
+    }
+    return true;
+}
+
+// Builds the driver's cyclic list from the pending tags and appends the
+// pending blocks. Called before the thread starts or on the communication
+// thread, because the driver writes the record's cycle flag while it
+// rebuilds and AddListReadVar takes no lock.
 void Host::apply_tags_locked()
 {
     std::vector<Tag> tags;
+    std::vector<ReadBlock> blocks;
+    bool rebuild = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!pending_tags_set_)
+        if (!pending_tags_set_ && pending_blocks_.empty())
             return;
+        rebuild = pending_tags_set_;
         tags.swap(pending_tags_);
         pending_tags_set_ = false;
+        blocks.swap(pending_blocks_);
     }
-    QList<HostReadVar> list;
-    for (const Tag &t : tags) {
-        HostReadVar v;
-        v.reg_kind = quint8(t.kind);
-        v.station = quint8(t.station);
-        describe_for_reading(t, config_.link_mode == LinkMode::Remote, &v.address_text, &v.count);
-        v.name_text = QString::fromStdString(t.name);
-        list.append(v);
+    if (rebuild) {
+        QList<HostReadVar> list;
+        for (const Tag &t : tags) {
+            HostReadVar v;
+            v.reg_kind = quint8(t.kind);
+            v.station = quint8(t.station);
+            describe_for_reading(t, config_.link_mode == LinkMode::Remote, &v.address_text, &v.count);
+            v.name_text = QString::fromStdString(t.name);
+            list.append(v);
+        }
+        cyclic_entries_.store(ReCreatReadVarList(&list));
     }
-    cyclic_entries_.store(ReCreatReadVarList(&list));
+    for (const ReadBlock &b : blocks) {
+        // The fields the rebuild gives its own entries.
+        RW_VAR v;
+        v.source_type = 0;
+        v.source_id = -1;
+        v.link_mode = com_info_->link_mode;
+        v.link_id = com_info_->local_link_id;
+        v.reg_kind = b.kind;
+        v.start_addr = b.start;
+        v.count = b.count;
+        v.station = com_info_->station_from_address ? b.station : com_info_->default_station;
+        v.address_text = QString::number(b.start);
+        v.name_text = QStringLiteral("block");
+        cyclic_entries_.store(AddListReadVar(&v));
+    }
 }
 
 bool Host::start(bool require_connection, std::string *error)

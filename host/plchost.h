@@ -140,6 +140,23 @@ public:
     // (tags whose address text parses); *error names the first rejected one.
     int set_tags(const std::vector<Tag> &tags, std::string *error = nullptr);
 
+    // Appends one ready-made block to the driver's cyclic list
+    // (AddListReadVar): no address parsing, no grouping and no unit
+    // conversion, so `start` and `count` go on the wire as they are, in the
+    // units of the request: bits for kinds 0 and 1 (e.g. a 2,000-coil block),
+    // registers for kinds 2..4. The station is the block's own when
+    // station_from_address is set, else default_station. Before start() it is
+    // added at once; while running it is added by the communication thread
+    // between two exchanges, after any pending set_tags(). A later set_tags()
+    // replaces the whole cyclic list, blocks included. False (nothing added)
+    // for a kind outside 0..4, a negative start, a count below 1 or a station
+    // outside 0..255.
+    bool add_read_block(int kind, int start, int count, int station = 1);
+
+    // Entries of the driver's cyclic list after the last set_tags() or
+    // add_read_block() was applied (requests per full pass).
+    int cyclic_entries() const { return cyclic_entries_.load(); }
+
     // Connects every endpoint once and starts the communication thread.
     // With require_connection, a failed first connection is an error
     // ("cannot connect to HOST:PORT: REASON") and nothing is started.
@@ -216,7 +233,11 @@ private:
     bool running_ = false;
     bool pending_tags_set_ = false;
     std::vector<Tag> pending_tags_;
-    std::atomic<int> cyclic_entries_{0}; // entries of the driver's cyclic list
+    struct ReadBlock {
+        int kind, start, count, station;
+    };
+    std::vector<ReadBlock> pending_blocks_; // added after the pending tags
+    std::atomic<int> cyclic_entries_{0};    // entries of the driver's cyclic list
     Stats stats_;
     double rtt_sum_ms_ = 0;
     std::map<std::pair<int, int>, int> done_; // (source_type, source_id) -> result

@@ -3,10 +3,13 @@
 // Input layout: max_read_units (i16: 0, negative and above 120 occur),
 // settings byte (bit 0 station_from_address, bit 1 link_mode), default
 // station, local_link_id (i8), then descriptors until the input ends (at
-// most 32): kind (raw byte 0..255), station, address text (fuzz_common.h
+// most 1024): kind (raw byte 0..254), station, address text (fuzz_common.h
 // grammar, raw bytes included), count (12-bit signed, -2048..2047: the
 // target checks argument handling and grouping, not sheer size, and a few
-// thousand units per descriptor keep one input well under a millisecond).
+// thousand units per descriptor keep one input short); or a run: 0xFF, kind,
+// station, base address (u16), step (u8), copies (u8), count (i8), order
+// (bit 0: descending), which makes copies descriptors at base + i x step
+// (bit kinds as byte.bit of that bit number).
 //
 // Invariants:
 //   - the result equals read_list's size; an empty list gives 0;
@@ -86,11 +89,18 @@ QList<RW_VAR> reference_read_list(const QList<HostReadVar> &descriptors, const C
     for (auto &station : groups) {
         for (auto &kind : station.second) {
             std::vector<RW_VAR> &g = kind.second;
-            // Exchange sort: ascending start_addr, equal addresses keep their order.
-            for (size_t i = 0; i + 1 < g.size(); ++i)
-                for (size_t j = g.size() - 1; j > i; --j)
-                    if (g[j].start_addr < g[j - 1].start_addr)
-                        std::swap(g[j], g[j - 1]);
+            // Exchange sort: ascending start_addr, equal addresses keep their
+            // order. Long groups take a stable sort, which orders exactly
+            // alike, to keep an input short in time.
+            if (g.size() <= 64) {
+                for (size_t i = 0; i + 1 < g.size(); ++i)
+                    for (size_t j = g.size() - 1; j > i; --j)
+                        if (g[j].start_addr < g[j - 1].start_addr)
+                            std::swap(g[j], g[j - 1]);
+            } else {
+                std::stable_sort(g.begin(), g.end(),
+                                 [](const RW_VAR &a, const RW_VAR &b) { return a.start_addr < b.start_addr; });
+            }
             const int k = g.front().reg_kind;
             const int limit = (k == 0 || k == 1)     ? 2 * n
                               : (k >= 9 && k <= 11)  ? std::min(n, 50)
@@ -167,9 +177,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int n = std::max(1, g_info.max_read_units); // after SetComInfo's clamp
 
     QList<HostReadVar> descriptors;
-    while (!in.empty() && descriptors.size() < 32) {
+    while (!in.empty() && descriptors.size() < 1024) {
+        const uint8_t first = in.u8();
+        if (first == 0xFF) {
+            // A run: copies of one descriptor at evenly spaced addresses,
+            // ascending or descending, so that a short input makes the long
+            // lists the rebuild sorts differently (256 items and more).
+            const uint8_t kind = in.u8();
+            const uint8_t station = in.u8();
+            const int base = in.u16();
+            const int step = in.u8();
+            const int copies = in.u8();
+            const int count = in.i8();
+            const bool descending = in.flag();
+            const bool bit_kind = kind == 0 || kind == 1 || kind == 5;
+            for (int i = 0; i < copies && descriptors.size() < 1024; ++i) {
+                const int value = base + step * (descending ? copies - 1 - i : i);
+                HostReadVar h;
+                h.reg_kind = kind;
+                h.station = station;
+                h.address_text =
+                    bit_kind ? QStringLiteral("%1.%2").arg(value >> 3).arg(value & 7) : QString::number(value);
+                h.name_text = QStringLiteral("d%1").arg(descriptors.size());
+                h.count = count;
+                descriptors.append(h);
+            }
+            continue;
+        }
         HostReadVar h;
-        h.reg_kind = in.u8();
+        h.reg_kind = first;
         h.station = in.u8();
         h.address_text = fuzz_address_text(in);
         h.name_text = QStringLiteral("d%1").arg(descriptors.size());
@@ -243,8 +279,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
 
-    // Coverage: every unit a record asks for is read by an entry of its group.
-    if (!cross_group && !wraps) {
+    // Coverage: every unit a record asks for is read by an entry of its group
+    // (walked for short lists; long ones rest on the reference comparison).
+    if (!cross_group && !wraps && descriptors.size() <= 64) {
         for (const auto &g : groups) {
             const int limit = limit_of(g.first.second, n);
             std::vector<Record> entries;

@@ -211,6 +211,11 @@ def read_list_seeds():
           read_list_head() + w(0, 10, st=1, k=4) + desc(0, 2, addr_bit(0, 0), 0) + desc(0, 2, addr_bit(1, 0), 300))
     write("fuzz_read_list", "all_kinds_default_station",
           read_list_head(sfa=0, default_station=3) + b"".join(w(4 * k, 3 + k, st=k, k=k) for k in range(16)))
+    run = lambda k, st, base, step, copies, c, desc_order=0: u8(0xFF) + u8(k) + u8(st) + u16(base) + u8(step) + \
+        u8(copies) + i8(c) + u8(desc_order)
+    write("fuzz_read_list", "runs_over_256_items",
+          read_list_head() + run(2, 1, 0, 3, 150, 4) + run(4, 2, 1000, 200, 100, 90, 1) + run(0, 1, 0, 9, 40, 12) +
+          w(500, 7, st=2, k=4))
     write("fuzz_read_list", "bad_texts",
           read_list_head(max_units=-5) + desc(2, 1, addr_latin1("0x10"), 4) + desc(0, 1, addr_latin1("12"), 4) +
           desc(200, 1, addr_number(3), -7))

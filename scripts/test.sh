@@ -83,7 +83,9 @@ else
 fi
 
 # 64-bit ARM boards: cross-built with cmake/toolchains/aarch64-linux-gnu.cmake,
-# the unit tests run under qemu-aarch64. GoogleTest is built for the target
+# the unit tests run under qemu-aarch64; the install tests build the arm64
+# .deb and run the example host project for arm64 against the installed and
+# the unpacked package. GoogleTest is built for the target
 # from Debian's sources first (without GoogleMock, which no test uses).
 arm64_suite() {
   local name="arm64 (qemu)" dir=build-tests/arm64 tc=$root/cmake/toolchains/aarch64-linux-gnu.cmake
@@ -105,8 +107,8 @@ arm64_suite() {
     summary+=("$name: GoogleTest build failed")
     return
   fi
-  run_suite "$name" "$dir/driver" "-L unit" -DCMAKE_TOOLCHAIN_FILE="$tc" \
-    -DCMAKE_PREFIX_PATH="$root/$dir/googletest/prefix" "${lib_only[@]}"
+  run_suite "$name" "$dir/driver" "-L unit|install" -DCMAKE_TOOLCHAIN_FILE="$tc" \
+    -DCMAKE_PREFIX_PATH="$root/$dir/googletest/prefix" "${lib_only[@]}" -DPLCDRIVER_BUILD_INSTALL=ON
 }
 start=$SECONDS
 arm64_suite

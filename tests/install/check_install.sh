@@ -1,18 +1,32 @@
 #!/usr/bin/env bash
 # Checks the installed driver the way an integrator uses it.
-# Usage: check_install.sh MODE BUILD_DIR SOURCE_DIR WORK_DIR CMAKE CPACK CXX
+# Usage: check_install.sh MODE BUILD_DIR SOURCE_DIR WORK_DIR CMAKE CPACK CXX [TOOLCHAIN EMULATOR DEB_ARCH]
 #   cmake      install into WORK_DIR/prefix, check the layout, build the example
 #              host project with find_package(plcdriver) and run it
 #   pkgconfig  install, build the example with its pkg-config Makefile, run it
 #   deb        build the .deb with CPack, check its contents and dependencies,
 #              unpack it and build and run the example against the unpacked tree
+# Cross builds pass their toolchain file, the emulator that runs the target's
+# programs and the Debian architecture of the target; they have no pkg-config
+# files for the target's Qt, so they use CMake for the example throughout.
 set -euo pipefail
 mode=$1 build=$2 src=$3 work=$4 cmake=$5 cpack=$6 cxx=$7
+toolchain=${8:-} emulator=${9:-} deb_arch=${10:-}
+[[ -n "$deb_arch" ]] || deb_arch=$(dpkg --print-architecture)
 example=$src/examples/host-project
 
 fail() {
   echo "FAIL: $*" >&2
   exit 1
+}
+
+# Runs a program built for the target (through the emulator in cross builds).
+run_target() {
+  if [[ -n "$emulator" ]]; then
+    "$emulator" "$@"
+  else
+    "$@"
+  fi
 }
 
 # What the example prints for its one read of two holding registers at 100 of
@@ -29,6 +43,18 @@ check_output() { # check_output LABEL FILE
     fail "$1: the example printed something else (diff above)"
   fi
   echo "$1: example output as expected"
+}
+
+# The program $1 loads libplcdriver.so.1 from the folder $2. Natively ldd
+# tells; for a target program its NEEDED entry and run path are read.
+check_loads_from() {
+  if [[ -z "$emulator" ]]; then
+    LD_LIBRARY_PATH="$2" ldd "$1" | grep -F "$2/libplcdriver.so.1" >/dev/null ||
+      fail "$1 does not load $2/libplcdriver.so.1"
+  else
+    readelf -d "$1" | grep -F '[libplcdriver.so.1]' >/dev/null || fail "$1 does not need libplcdriver.so.1"
+    readelf -d "$1" | grep -E 'R(UN)?PATH' | grep -F "$2" >/dev/null || fail "$1 has no run path to $2"
+  fi
 }
 
 # The installed tree under $1: library with SONAME links, one public header,
@@ -64,14 +90,37 @@ do_install() {
   check_tree "$work/prefix"
   # The programs, when this build has them, install into bin/ and run from
   # there with the installed library.
-  local prog
+  local prog name
   for prog in tools/plcpoll/plcpoll simulator/plcsim; do
     [[ -x "$build/$prog" ]] || continue
-    [[ -x "$work/prefix/bin/$(basename $prog)" ]] || fail "$(basename $prog) was not installed into bin/"
-    "$work/prefix/bin/$(basename $prog)" --help >"$work/$(basename $prog).help" 2>&1 ||
-      fail "installed $(basename $prog) --help failed: $(head -5 "$work/$(basename $prog).help")"
-    echo "installed $(basename $prog) runs"
+    name=$(basename "$prog")
+    [[ -x "$work/prefix/bin/$name" ]] || fail "$name was not installed into bin/"
+    run_target "$work/prefix/bin/$name" --help >"$work/$name.help" 2>&1 ||
+      fail "installed $name --help failed: $(head -5 "$work/$name.help")"
+    echo "installed $name runs"
   done
+}
+
+build_with_cmake() { # build_with_cmake PREFIX LIBDIR: find_package(plcdriver) from PREFIX
+  local args=(-DCMAKE_PREFIX_PATH="$1" -DCMAKE_CXX_FLAGS=-Werror)
+  if [[ -n "$toolchain" ]]; then
+    args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+  else
+    args+=(-DCMAKE_CXX_COMPILER="$cxx")
+  fi
+  "$cmake" -S "$example" -B "$work/example" "${args[@]}" >"$work/configure.log" 2>&1 || {
+    cat "$work/configure.log"
+    fail "configuring the example with find_package(plcdriver) failed"
+  }
+  grep -q "^plcdriver_DIR:PATH=$2/cmake/plcdriver$" "$work/example/CMakeCache.txt" ||
+    fail "find_package(plcdriver) did not use the package in $2/cmake/plcdriver"
+  "$cmake" --build "$work/example" >"$work/build.log" 2>&1 || {
+    cat "$work/build.log"
+    fail "building the example failed"
+  }
+  check_loads_from "$work/example/plcdriver_example" "$2"
+  run_target "$work/example/plcdriver_example" >"$work/example.out"
+  check_output "find_package" "$work/example.out"
 }
 
 build_with_make() { # build_with_make LIBDIR: the pkg-config Makefile in a copy of the example
@@ -80,8 +129,7 @@ build_with_make() { # build_with_make LIBDIR: the pkg-config Makefile in a copy 
     cat "$work/make.log"
     fail "the example's Makefile failed"
   }
-  LD_LIBRARY_PATH="$1" ldd "$work/make/plcdriver_example" | grep -F "$1/libplcdriver.so.1" >/dev/null ||
-    fail "the Makefile-built example does not load $1/libplcdriver.so.1"
+  check_loads_from "$work/make/plcdriver_example" "$1"
   LD_LIBRARY_PATH="$1" "$work/make/plcdriver_example" >"$work/make.out"
   check_output "pkg-config Makefile" "$work/make.out"
 }
@@ -91,23 +139,10 @@ mkdir -p "$work"
 case $mode in
   cmake)
     do_install
-    "$cmake" -S "$example" -B "$work/example" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_CXX_COMPILER="$cxx" \
-      -DCMAKE_CXX_FLAGS=-Werror >"$work/configure.log" 2>&1 || {
-      cat "$work/configure.log"
-      fail "configuring the example with find_package(plcdriver) failed"
-    }
-    grep -q "^plcdriver_DIR:PATH=$LIBDIR/cmake/plcdriver$" "$work/example/CMakeCache.txt" ||
-      fail "find_package(plcdriver) did not use the installed package"
-    "$cmake" --build "$work/example" >"$work/build.log" 2>&1 || {
-      cat "$work/build.log"
-      fail "building the example failed"
-    }
-    ldd "$work/example/plcdriver_example" | grep -F "$LIBDIR/libplcdriver.so.1" >/dev/null ||
-      fail "the CMake-built example does not load $LIBDIR/libplcdriver.so.1"
-    "$work/example/plcdriver_example" >"$work/example.out"
-    check_output "find_package" "$work/example.out"
+    build_with_cmake "$work/prefix" "$LIBDIR"
     ;;
   pkgconfig)
+    [[ -z "$toolchain" ]] || fail "the pkg-config check needs a native build"
     do_install
     [[ $(PKG_CONFIG_PATH="$LIBDIR/pkgconfig" pkg-config --modversion plcdriver) =~ ^1\.[0-9]+\.[0-9]+$ ]] ||
       fail "pkg-config --modversion plcdriver is not 1.x.y"
@@ -138,11 +173,16 @@ case $mode in
     echo "Depends: $depends"
     grep -qE '(^|, )libqt[56]core[0-9a-z]*( |,|$)' <<<"$depends" || fail "the package does not depend on the Qt Core runtime"
     [[ $(dpkg-deb -f "$deb" Package) == plcdriver ]] || fail "package name is not plcdriver"
-    [[ $(dpkg-deb -f "$deb" Architecture) == "$(dpkg --print-architecture)" ]] || fail "package architecture is not the machine's"
-    # The unpacked package works as an install tree (the .pc file is relocatable).
+    [[ $(dpkg-deb -f "$deb" Architecture) == "$deb_arch" ]] || fail "package architecture is not $deb_arch"
+    # The unpacked package works as an install tree (the CMake package and the
+    # .pc file find their prefix from their own location).
     dpkg-deb -x "$deb" "$work/root"
     check_tree "$work/root/usr"
-    build_with_make "$LIBDIR"
+    if [[ -z "$toolchain" ]]; then
+      build_with_make "$LIBDIR"
+    else
+      build_with_cmake "$work/root/usr" "$LIBDIR"
+    fi
     ;;
   *) fail "unknown mode $mode" ;;
 esac

@@ -12,7 +12,7 @@
 //   kind (mod 15), station, count (i16, or i32 with bit 7), retry_limit (i8), max_read_units (byte - 8),
 //   source_type (i8), source_id (i8), ext_param1 selector, ext_param2 (i8),
 //   address text (valid for the kind or from the grammar), write data
-//   (length byte, bytes)
+//   (length byte, bytes; for a read it is first written into the mirror)
 //   then per reply: control byte (bit 0 valid reply, bit 1 null reply
 //   pointer when bits 1-3 are all set), the reply (valid: data bytes; raw:
 //   length byte and bytes), the length argument (fuzz_reply_length).
@@ -171,6 +171,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             var.ext_param2 = ext2;
         }
         AddListOnceReadVar(&var, prepared ? 1 : 0);
+    }
+    if (list != 2 && !write_data.isEmpty()) {
+        // Values already in the mirror where the read will store (the write
+        // data as a mirror-only write of the same variable), so that stores
+        // overwrite and zero runs meet existing entries.
+        g_info.write_mode = 1;
+        SetRegisterData(QStringLiteral("m"), kind, address, station, &write_data, write_data.size(), 0, 0);
+        g_info.write_mode = 2;
     }
     if ((setup >> 3) & 1)
         g_info.local_link_id += 1; // every queued variable becomes a remote-area variable

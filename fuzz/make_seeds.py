@@ -152,6 +152,10 @@ def datacom_seeds():
     seed = datacom_head(0x91, 2, 1, 0x3FFFFFFF, ext_sel=0)
     seed += valid_round(b"\x01\x02\x03", length_mode=2)
     write("fuzz_datacom", "once_huge_count_lying_length", seed)
+    # The same over words already in the mirror: the zero run clears them.
+    seed = datacom_head(0x91, 4, 1, 0x3FFFFFFF, ext_sel=0, data=bytes(range(1, 17)))
+    seed += valid_round(b"\x01\x02\x03", length_mode=2)
+    write("fuzz_datacom", "once_huge_count_lying_length_over_values", seed)
     # A one-shot read of 2^31 - 1 words cut into chunks of one word: the list
     # fills at 2048 entries and the rest must not be walked chunk by chunk.
     seed = datacom_head(0x81, 2, 1, 0x7FFFFFFF, max_units=0)

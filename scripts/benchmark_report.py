@@ -168,6 +168,69 @@ def throughput_summary(tp):
     return out
 
 
+def callgrind_calls(path, function):
+    """How often `function` (a prefix of its name) was called, from a
+    callgrind output file (names may be compressed to '(id)')."""
+    names = {}
+    calls = 0
+    pending = False
+    import re
+    ref = re.compile(r"^c?fn=\((\d+)\)(?: (.*))?$")
+    with open(path, errors="replace") as f:
+        for line in f:
+            m = ref.match(line.rstrip("\n"))
+            if m:
+                if m.group(2):
+                    names[m.group(1)] = m.group(2)
+                pending = line.startswith("cfn=") and names.get(m.group(1), "").startswith(function)
+                continue
+            if pending and line.startswith("calls="):
+                calls += int(line[6:].split()[0])
+                pending = False
+    return calls
+
+
+def callgrind_inclusive(path):
+    """function name -> inclusive instructions, from callgrind_annotate --inclusive=yes."""
+    import re
+    row = re.compile(r"^\s*([\d,]+) \(\s*[\d.]+%\)\s+(?:\S*?:)?(.+?)(?: \[.*\])?$")
+    out = {}
+    with open(path, errors="replace") as f:
+        for line in f:
+            m = row.match(line.rstrip("\n"))
+            if m and "PROGRAM TOTALS" not in line:
+                name = m.group(2)
+                out[name] = max(out.get(name, 0), int(m.group(1).replace(",", "")))
+    return out
+
+
+def profile_summary(logs):
+    rows = []
+    for case in ("bits_2000", "registers_100"):
+        txt = os.path.join(logs, f"profile_{case}.txt")
+        raw = os.path.join(logs, f"profile_{case}.out")
+        if not (os.path.exists(txt) and os.path.exists(raw)):
+            continue
+        inc = callgrind_inclusive(txt)
+
+        def find(prefix):
+            return max((v for k, v in inc.items() if k.startswith(prefix)), default=0)
+
+        total = find("plchost::Host::exchange_once")
+        calls = callgrind_calls(raw, "plchost::Host::exchange_once")
+        parts = {
+            "DataCom (reply check and storage)": find("DataCom"),
+            "of which save_to_local_data_erea (mirror store)": find("save_to_local_data_erea"),
+            "ComCommunication (request)": find("ComCommunication"),
+            "Host::transact (send, receive)": find("plchost::Host::transact"),
+        }
+        rows.append({"case": case, "exchanges": calls, "instructions": total,
+                     "per_exchange": total / calls if calls else None,
+                     "parts": {k: {"instructions": v, "share": v / total if total else None,
+                                   "per_exchange": v / calls if calls else None} for k, v in parts.items()}})
+    return rows
+
+
 def main():
     args = sys.argv[1:]
     if not args or args[0].startswith("-"):
@@ -185,6 +248,7 @@ def main():
     base_tp = load(os.path.join(baseline_dir, "throughput.json")) if baseline_dir else None
     base_meta = (load(os.path.join(baseline_dir, "meta.json")) or {}) if baseline_dir else {}
 
+    prof = profile_summary(os.path.join(out_dir, "logs"))
     summary = {"meta": meta}
     md = []
     w = md.append
@@ -242,6 +306,24 @@ def main():
               f"{fmt(s['libmodbus_user_us'])} / {fmt(s['libmodbus_system_us'])} | {fmt(s['sim_cpu_us'])} | "
               f"{fmt(s['libmodbus_rtt_us'])} |")
         w("")
+        for s in tps:
+            if s["ratio"][0] >= 0.95:
+                continue
+            extra = s["host_cpu_us"][0] - s["libmodbus_cpu_us"][0]
+            text = (f"**{s['count']} {s['unit']} misses the goal** (ratio {s['ratio'][0]:.3f}). The host process "
+                    f"spends {fmt(s['host_cpu_us'][0])} µs of CPU per request against {fmt(s['libmodbus_cpu_us'][0])} µs "
+                    f"for the libmodbus loop ({'+' if extra >= 0 else ''}{fmt(extra)} µs), of a round trip of "
+                    f"{fmt(s['libmodbus_rtt_us'])} µs that is otherwise the same for both clients (simulator, kernel, "
+                    "wake-ups).")
+            p_case = next((r for r in prof if r["case"] == s["case"]), None)
+            if p_case:
+                store = p_case["parts"]["of which save_to_local_data_erea (mirror store)"]
+                text += (f" The profile below puts {store['share'] * 100:.1f} % of the communication thread's "
+                         f"user-space instructions ({fmt(store['per_exchange'], 4)} of {fmt(p_case['per_exchange'], 4)} "
+                         "per exchange) into the driver's mirror store, save_to_local_data_erea: one hash-table update "
+                         "per bit, as the mirror keeps every bit as its own entry. That store, not the host's socket "
+                         "work, bounds this block.")
+            w(text + "\n")
         failed = sum(s["failed"] for s in tps)
         w(f"Failed replies over all windows: {failed}; values read back correctly in every window: "
           f"{'yes' if all(s['values_ok'] for s in tps) else 'NO'}.\n")
@@ -283,6 +365,26 @@ def main():
                   f"{fmt(s['host_cpu_us'][0])} |")
             w("")
             summary["throughput_baseline"] = list(base.values())
+
+    if prof:
+        summary["profile"] = prof
+        w("### Where the communication thread's instructions go\n")
+        cmds = [c["command"] for c in meta.get("commands", []) if c["name"].startswith("profile_")]
+        w("callgrind on the throughput benchmark, counting only inside `Host::exchange_once` (one exchange of the "
+          "communication thread: ComCommunication, send, receive, DataCom), user space only: the socket system "
+          "calls themselves run in the kernel and are not counted. Commands: "
+          + "; ".join(f"`{c}`" for c in cmds) + "\n")
+        w("| block | exchanges | instructions per exchange | part | instructions per exchange | share |")
+        w("|---|---|---|---|---|---|")
+        for r in prof:
+            first = True
+            for k, v in r["parts"].items():
+                lead = (f"| {r['case']} | {r['exchanges']:,} | {fmt(r['per_exchange'], 4)} " if first
+                        else "| | | ")
+                first = False
+                share = f"{v['share'] * 100:.1f} %" if v["share"] is not None else "n/a"
+                w(f"{lead}| {k} | {fmt(v['per_exchange'], 4)} | {share} |")
+        w("")
 
     # ------------------------------------------------------ CPU per exchange
     if exch or cg:

@@ -12,11 +12,11 @@
 #   *.json                what each benchmark produced
 #   summary.json          the figures the report shows
 #   report.md, *.png      the report page and its charts
-# --quick: fewer repetitions and shorter windows (about 3 minutes instead of 8).
+# --quick: fewer repetitions and shorter windows (about 1 minute instead of 4).
 # --baseline DIR: a results directory of an earlier run; its throughput
 #   ratios are shown beside this run's.
 # --only LIST: comma-separated subset of exchange,callgrind,read_list,mirror,
-#   throughput,scaling (the report covers what was run).
+#   throughput,profile,scaling (the report covers what was run).
 # Every process it starts talks only to 127.0.0.1 and stops by itself.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,7 +25,7 @@ root=$(pwd)
 quick=0
 out=results
 baseline=""
-only="exchange,callgrind,read_list,mirror,throughput,scaling"
+only="exchange,callgrind,read_list,mirror,throughput,profile,scaling"
 while [[ $# -gt 0 ]]; do
   case $1 in
     --quick) quick=1 ;;
@@ -89,12 +89,13 @@ plcsim=$build/simulator/plcsim
 if [[ $quick -eq 1 ]]; then
   gb=(--benchmark_repetitions=3 --benchmark_min_time=0.05)
   cg_iterations=1000
-  tp=(--rounds 3 --seconds 0.5)
+  tp=(--rounds 5 --seconds 0.3)
   sc=(--rounds 1 --seconds 0.5)
 else
   gb=(--benchmark_repetitions=5 --benchmark_min_time=0.1)
   cg_iterations=10000
-  tp=(--rounds 7 --seconds 1)
+  # Many short rounds: a burst of other load spoils few pairs.
+  tp=(--rounds 15 --seconds 0.5)
   sc=(--rounds 2 --seconds 1.5)
 fi
 gb+=(--benchmark_enable_random_interleaving=true --benchmark_out_format=json)
@@ -129,6 +130,16 @@ fi
 if wants throughput; then
   run throughput "$b/loopback/bench_loopback_throughput" --plcsim "$plcsim" "${tp[@]}" --out "$out/throughput.json"
 fi
+if wants profile; then
+  # Where the communication thread's instructions go in the loopback
+  # exchange (user space only; the socket calls run in the kernel).
+  for case in bits_2000 registers_100; do
+    run "profile_$case" valgrind --tool=callgrind --callgrind-out-file="$logs/profile_$case.out" \
+      --toggle-collect='plchost::Host::exchange_once*' "$b/loopback/bench_loopback_throughput" --plcsim "$plcsim" \
+      --rounds 1 --seconds 1 --cases "$case" --out "$logs/profile_$case.json"
+    callgrind_annotate --inclusive=yes --threshold=100 "$logs/profile_$case.out" >"$logs/profile_$case.txt" 2>/dev/null
+  done
+fi
 if wants scaling; then
   run scaling "$b/loopback/bench_loopback_scaling" --plcsim "$plcsim" --tags 10,100,1000,10000,100000 \
     --stations 1,4,16 "${sc[@]}" --out "$out/scaling.json"
@@ -143,7 +154,7 @@ cmdline="bash scripts/benchmarks.sh"
 [[ $quick -eq 1 ]] && cmdline+=" --quick"
 [[ $out != "$root/results" ]] && cmdline+=" --out ${out#"$root"/}"
 [[ -n $baseline ]] && cmdline+=" --baseline $baseline"
-[[ $only != "exchange,callgrind,read_list,mirror,throughput,scaling" ]] && cmdline+=" --only $only"
+[[ $only != "exchange,callgrind,read_list,mirror,throughput,profile,scaling" ]] && cmdline+=" --only $only"
 /usr/bin/python3 - "$out/meta.json" <<EOF
 import json, sys
 commands = []

@@ -85,6 +85,21 @@ qint32 Communication_Protocol::get_offset_add(qint32 cls)
     return quint32(cls) < 4u ? offsets[cls] : 0;
 }
 
+namespace {
+
+// dst = src for an implicitly shared Qt value, by copy construction and swap.
+// The effect is that of operator=, but the reference counting runs in Qt's
+// inline code: QtCore's out-of-line operator= may free a text whose last
+// other reference a runtime thread has just dropped, and ThreadSanitizer,
+// which does not see into QtCore, would report that ordering as a race.
+template <typename T> void assign_shared(T &dst, const T &src)
+{
+    T copy(src);
+    dst.swap(copy);
+}
+
+} // namespace
+
 void passRetValue(const RW_VAR &src, RW_VAR &dst)
 {
     dst.source_type = src.source_type;
@@ -93,15 +108,15 @@ void passRetValue(const RW_VAR &src, RW_VAR &dst)
     dst.link_mode = src.link_mode;
     dst.link_id = src.link_id;
     dst.status = src.status;
-    dst.name_text = src.name_text;
-    dst.address_text = src.address_text;
+    assign_shared(dst.name_text, src.name_text);
+    assign_shared(dst.address_text, src.address_text);
     dst.reg_kind = src.reg_kind;
     dst.start_addr = src.start_addr;
     dst.station = src.station;
     dst.count = src.count;
     dst.ext_param1 = src.ext_param1;
     dst.ext_param2 = src.ext_param2;
-    dst.data.clear();
+    assign_shared(dst.data, QByteArray()); // cleared
 }
 
 // ---------------------------------------------------------------- stations
@@ -252,22 +267,18 @@ int length_outcome(int length, int no_reply_outcome, int length_error_outcome)
     return 0;
 }
 
-QByteArray *reply_or_empty(QByteArray *reply)
-{
-    static thread_local QByteArray empty;
-    if (reply)
-        return reply;
-    empty.clear();
-    return &empty;
-}
-
 } // namespace
 
 int DealDataOfLocalArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
         return GetDriverReturnValue(2);
-    reply = reply_or_empty(reply);
+    // A missing reply is judged as an empty one. (No thread_local here: an
+    // object with a destructor in thread storage keeps the library from
+    // being unloaded by dlclose while the thread lives.)
+    QByteArray none;
+    if (!reply)
+        reply = &none;
     if (const int outcome = length_outcome(length, 2, 3))
         return GetDriverReturnValue(outcome);
 
@@ -294,7 +305,12 @@ int DealDataOfRemoteArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
         return GetDriverReturnValue(6);
-    reply = reply_or_empty(reply);
+    // A missing reply is judged as an empty one. (No thread_local here: an
+    // object with a destructor in thread storage keeps the library from
+    // being unloaded by dlclose while the thread lives.)
+    QByteArray none;
+    if (!reply)
+        reply = &none;
     if (const int outcome = length_outcome(length, 6, 7))
         return GetDriverReturnValue(outcome);
 

@@ -463,6 +463,13 @@ int Host::write(const Tag &tag, const std::vector<uint8_t> &data, int source_typ
     const int r = SetRegisterData(QString::fromStdString(tag.name), tag.kind, QString::fromStdString(tag.address),
                                   tag.station, &bytes, tag.count, source_type, id);
     kick();
+    // SetRegisterData answers the write list's size read after queueing; the
+    // communication thread may have sent the write and taken it off the list
+    // by then, so an accepted write can answer 0. It answers 1 here, and 0
+    // keeps meaning that nothing was queued.
+    if (r == 0 && config_.write_to_plc && tag.count > 0 && kind_writable(tag.kind) &&
+        parse_address(tag.kind, tag.address) >= 0)
+        return 1;
     return r;
 }
 
@@ -485,7 +492,10 @@ bool Host::read_once(const Tag &tag, int source_type, int *source_id)
     describe_for_reading(tag, config_.link_mode == LinkMode::Remote, &v.address_text, &v.count);
     const int r = AddListOnceReadVar(&v, 0);
     kick();
-    return r > 0;
+    // 0 is the answer for an address that does not parse, but also the list's
+    // size when the communication thread has served or dropped (switched-off
+    // station) the entry before the size was read.
+    return r > 0 || parse_address(tag.kind, tag.address) >= 0;
 }
 
 DoneResult Host::wait_done(int source_type, int source_id, std::chrono::milliseconds timeout)
@@ -836,8 +846,14 @@ bool Host::exchange_once()
     } else {
         const int index = route(ev.station);
         ev.endpoint = index;
-        if (ensure_connected(size_t(index)))
+        if (ensure_connected(size_t(index))) {
             drain(size_t(index));
+            // The peer closed the idle connection (drain saw the end): the
+            // request has not gone out, so connect again at once and send
+            // it rather than fail it after a time-out.
+            if (!connections_[size_t(index)]->connected.load() && ensure_connected(size_t(index)))
+                drain(size_t(index));
+        }
         if (connections_[size_t(index)]->connected.load()) {
             sent = true;
             transact(size_t(index), frame.data(), frame_len, reply_len, &reply, &timed_out);
@@ -857,6 +873,12 @@ bool Host::exchange_once()
     ev.timed_out = timed_out;
 
     const bool good = ev.status == 1 || ev.status == 100;
+    // The driver counts failed replies in retry_count and clears it only when
+    // it gives a request up; a good reply leaves it to the host. Without a
+    // reset here, failures of earlier requests would add up and a later
+    // request would be given up after fewer retries than retry_limit.
+    if (good)
+        com_info_->retry_count = 0;
     bool pass_done = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -170,7 +170,11 @@ public:
 
     // Queues a write (SetRegisterData) of `count` units from `data` in the
     // driver's buffer layout (see encode_values). Returns the write-list size
-    // (0: bad address). *source_id gets the id that wait_done waits for.
+    // after queueing, at least 1 when the write was queued (the communication
+    // thread may have sent it already); 0 for an address that does not parse.
+    // A kind that cannot be written, a count of 0 or write_to_plc false queue
+    // nothing and return the list's size. *source_id gets the id that
+    // wait_done waits for.
     int write(const Tag &tag, const std::vector<uint8_t> &data, int source_type = 1, int *source_id = nullptr);
 
     // Queues a one-shot read of the tag (AddListOnceReadVar). Returns false

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
-# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile package qt6 arm64 report)
+# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile leaks package qt6 arm64 report)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -11,6 +11,8 @@ declare -A GROUPS_PKGS=(
   [fuzz]="clang libclang-rt-14-dev llvm"
   # Instruction counts of the benchmarks (valgrind --tool=callgrind).
   [profile]="valgrind"
+  # The leak test of the shared library (dlopen/dlclose rounds under valgrind).
+  [leaks]="valgrind"
   # The benchmark report (scripts/benchmarks.sh): charts with gnuplot, the
   # page written by Debian's /usr/bin/python3.
   [report]="gnuplot-nox python3"

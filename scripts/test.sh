@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${JOBS:-$(nproc)}
 
-bash scripts/install-deps.sh build test modbus fuzz package || exit 1
+bash scripts/install-deps.sh build test modbus fuzz leaks package || exit 1
 
 summary=()
 total_pass=0

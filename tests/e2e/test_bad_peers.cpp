@@ -165,6 +165,9 @@ struct Rig {
         });
         host->set_tags({t});
     }
+    // The host's thread calls the hook until it stops: stop it before the
+    // members the hook writes to are destroyed.
+    ~Rig() { host.reset(); }
     std::vector<plchost::ReplyEvent> seen()
     {
         std::lock_guard<std::mutex> lock(mutex);

@@ -42,8 +42,8 @@ TEST(HostReadBlock, TwoThousandCoilsInOneRequest)
     client.write_coils(0xA000, std::vector<uint8_t>(bits.begin(), bits.begin() + 1000));
     client.write_coils(0xA000 + 1000, std::vector<uint8_t>(bits.begin() + 1000, bits.end()));
 
+    std::vector<plchost::ReplyEvent> events; // outlives the host, whose thread appends to it
     Host host(config_for(sim.modbus_port()));
-    std::vector<plchost::ReplyEvent> events;
     host.set_reply_hook([&](const plchost::ReplyEvent &e) { events.push_back(e); });
     ASSERT_TRUE(host.add_read_block(1, 0, 2000, 1));
     EXPECT_EQ(host.cyclic_entries(), 1);

@@ -18,8 +18,8 @@ TEST(HostThreads, ReadersWritersAndOneShotReadsWhileRunning)
     ModbusPeer peer;
     for (int i = 0; i < 32; ++i)
         peer.set_holding(i, uint16_t(100 + i));
+    std::atomic<int> hooks{0}; // outlives the host, whose thread counts into it
     Host host(config_for(peer.port()));
-    std::atomic<int> hooks{0};
     host.set_write_done_hook([&](int, int, int, int) { ++hooks; });
     const auto block = tag(4, "0", 16);
     host.set_tags({block, tag(3, "0", 4), tag(1, "0.0", 8)});

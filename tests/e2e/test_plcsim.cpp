@@ -263,8 +263,8 @@ TEST(HostPlcsim, PeerStoppedThenRestartedOnTheSamePort)
     auto cfg = config_for(port);
     cfg.timeout = 150ms;
     cfg.retry_limit = 1;
+    std::atomic<int> write_failed{0}, read_done{0}; // outlive the host, whose thread counts into them
     Host host(cfg);
-    std::atomic<int> write_failed{0}, read_done{0};
     host.set_write_done_hook([&](int, int, int, int result) {
         if (result == 2)
             ++write_failed;

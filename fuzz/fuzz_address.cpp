@@ -76,8 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             bool ok_first = false, ok_second = false;
             const int first = parts.at(0).toInt(&ok_first, 10);
             const int second = parts.at(1).toInt(&ok_second, 10);
-            if (ok_first && ok_second)
-                expected = int32_t(uint32_t(first) * 8u + uint32_t(second));
+            // An address past 32 bits is no address rather than a wrapped one.
+            const int64_t address = int64_t(first) * 8 + second;
+            if (ok_first && ok_second && address >= INT32_MIN && address <= INT32_MAX)
+                expected = int32_t(address);
             const int64_t a = ascii_digits(parts.at(0), 8);
             const int64_t b = ascii_digits(parts.at(1), 9);
             if (a >= 0 && b >= 0)

@@ -173,6 +173,7 @@ def address_seeds():
         ("bit_a_1", 1, 0, b"a.1"),
         ("kind5_10_3", 5, 0, b"10.3"),
         ("bit_neg", 5, 0, b"3.-9"),
+        ("bit_past_32_bits", 5, 0, b"001111111111.3"),
         ("word_100", 2, 0, b"100"),
         ("word_hex", 2, 0, b"0x10"),
         ("word_empty", 2, 0, b""),

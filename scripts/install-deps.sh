@@ -52,7 +52,10 @@ for pkg in "${missing[@]}"; do
   fi
 done
 export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
+# A list that fails to download (a mirror in sync, say, for one architecture)
+# need not stop an install that the other lists satisfy; the install below
+# fails clearly if it does not.
+$SUDO apt-get update -qq || echo "install-deps: apt-get update reported errors; installing from the lists it has" >&2
 # Never remove an installed package to make room (others build against them):
 # simulate first and refuse when apt would remove anything.
 plan=$($SUDO apt-get install -s --no-install-recommends "${missing[@]}" 2>&1) || {

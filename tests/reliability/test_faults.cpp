@@ -78,7 +78,7 @@ uint64_t value_for(const Target &t, int n)
     switch (t.kind) {
     case 1: return uint64_t(n % 256); // eight coils as a bit pattern
     case 5: return uint64_t(n & 1);
-    case 11: return (uint64_t(n) << 16) | uint64_t((n * 7) & 0xFFFF);
+    case 11: return (uint64_t(n & 0xFFFF) << 16) | uint64_t((n * 7) & 0xFFFF);
     default: return uint64_t(((t.station & 0xF) << 12) | (n & 0xFFF));
     }
 }

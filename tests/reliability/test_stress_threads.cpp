@@ -170,7 +170,7 @@ TEST(ReliabilityStress, RuntimeThreadsWhileTheHostExchangesWithPlcsim)
     threads.emplace_back([&] {
         std::vector<int> &ids = ok_ids[2];
         for (int n = 1; n <= cycles; ++n) {
-            const uint64_t v = (uint64_t(n) << 16) | uint64_t((n ^ 0x5A5A) & 0xFFFF);
+            const uint64_t v = (uint64_t(n & 0xFFFF) << 16) | uint64_t((n ^ 0x5A5A) & 0xFFFF);
             Tag t = tag(11, "20", 0, 1);
             const auto bytes = encode(11, {v, v, v, v}, &t);
             dword_issued.store(n);
@@ -203,7 +203,7 @@ TEST(ReliabilityStress, RuntimeThreadsWhileTheHostExchangesWithPlcsim)
             std::vector<int> batch;
             for (int k = 0; k < 8 && n <= cycles; ++k, ++n) {
                 Tag t = tag(4, std::to_string(24 + n % 4), 0, 1);
-                const auto bytes = encode(4, {uint64_t(0xE000 | n)}, &t);
+                const auto bytes = encode(4, {uint64_t(0xE000 | (n & 0xFFF))}, &t);
                 pipelined_issued.store(n);
                 batch.push_back(write_and_track(kPipelined, t, bytes, ids));
             }
@@ -341,12 +341,12 @@ TEST(ReliabilityStress, RuntimeThreadsWhileTheHostExchangesWithPlcsim)
         for (int i = 0; i < 4; ++i)
             EXPECT_EQ(plc_words[size_t(4 * w + i)], uint64_t(((w + 1) << 12) | (cycles & 0xFFF)));
     for (uint64_t v : plc_dwords)
-        EXPECT_EQ(v, (uint64_t(cycles) << 16) | uint64_t((cycles ^ 0x5A5A) & 0xFFFF));
+        EXPECT_EQ(v, (uint64_t(cycles & 0xFFFF) << 16) | uint64_t((cycles ^ 0x5A5A) & 0xFFFF));
     for (int i = 24; i < 28; ++i) {
         int last = 0;
         for (int n = 1; n <= cycles; ++n)
             if (24 + n % 4 == i)
-                last = 0xE000 | n;
+                last = 0xE000 | (n & 0xFFF);
         EXPECT_EQ(plc_words[size_t(i)], uint64_t(last)) << "word " << i;
     }
     EXPECT_EQ(values_of(host, words), plc_words);

@@ -130,6 +130,8 @@ public:
     }
     uint64_t replies() const { return replies_.load(); }
     uint64_t connections() const { return connections_.load(); }
+    // Connections the proxy has closed (for whatever reason) so far.
+    uint64_t closed() const { return closed_.load(); }
 
     std::string summary() const
     {
@@ -200,6 +202,8 @@ private:
 
     void close_session(Session &s)
     {
+        if (!s.dead)
+            ++closed_;
         if (s.client >= 0)
             ::close(s.client);
         if (s.upstream >= 0)
@@ -432,6 +436,7 @@ private:
     std::atomic<bool> faults_on_{true};
     std::atomic<uint64_t> replies_{0};
     std::atomic<uint64_t> connections_{0};
+    std::atomic<uint64_t> closed_{0};
     mutable std::mutex mutex_;
     std::array<uint64_t, size_t(Fault::Count)> counts_{};
     std::vector<std::unique_ptr<Session>> sessions_; // proxy thread only

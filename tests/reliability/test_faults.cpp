@@ -344,8 +344,12 @@ TEST(ReliabilityFaults, PeerClosingIdleConnectionsCostsNoRequest)
     int ok = 0;
     const int writes = 8;
     for (int n = 1; n <= writes; ++n) {
-        // Idle long enough for the close to arrive before the next request.
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        // The next request goes out only once the proxy has closed the
+        // connection of the previous reply (on loopback the end arrives with
+        // the close).
+        if (n > 1) {
+            EXPECT_TRUE(eventually([&] { return proxy.closed() >= uint64_t(n - 1); }, std::chrono::milliseconds(5000)));
+        }
         if (write_values(host, tag(4, "7", 0, 1), {uint64_t(0x4400 + n)}, std::chrono::milliseconds(5000)) ==
             plchost::DoneResult::Ok)
             ++ok;

@@ -15,8 +15,8 @@
 Communication_Protocol PLC_driver;
 
 Communication_Protocol::Communication_Protocol()
-    : com_info(nullptr), write_done_cb(nullptr), read_done_cb(nullptr), last_list(100), write_burst(0),
-      once_burst(0), cycle_count(0), comm_failed(false), spare_flag(false)
+    : com_info(nullptr), write_done_cb(nullptr), read_done_cb(nullptr), last_list(100), write_burst(0), once_burst(0),
+      cycle_count(0), comm_failed(false), spare_flag(false)
 {
     spare_list.clear();
     // The scratch buffer starts zeroed so that a frame which keeps bytes of
@@ -32,14 +32,20 @@ Communication_Protocol::~Communication_Protocol() = default;
 qint32 Communication_Protocol::get_plc_reg(qint32 kind)
 {
     switch (kind) {
-    case 2: case 6: case 9: case 12:
-        return 2;
-    case 3: case 7: case 10: case 13:
-        return 3;
-    case 4: case 5: case 8: case 11: case 14:
-        return 4;
-    default:
-        return kind;
+    case 2:
+    case 6:
+    case 9:
+    case 12: return 2;
+    case 3:
+    case 7:
+    case 10:
+    case 13: return 3;
+    case 4:
+    case 5:
+    case 8:
+    case 11:
+    case 14: return 4;
+    default: return kind;
     }
 }
 
@@ -59,23 +65,28 @@ void Communication_Protocol::update_rw_var(RW_VAR *var)
         var->start_addr = qint32(a >> 4);
         var->count = qint32(((a & 15) + n + 15) >> 4);
         break;
-    case 6: case 7: case 8: // bytes to words
+    case 6:
+    case 7:
+    case 8: // bytes to words
         var->reg_kind = get_plc_reg(var->reg_kind);
         var->start_addr = qint32(a >> 1);
         var->count = qint32(((a & 1) + n + 1) / 2);
         break;
-    case 9: case 10: case 11: // 32-bit values: address doubled, count only made even
+    case 9:
+    case 10:
+    case 11: // 32-bit values: address doubled, count only made even
         var->reg_kind = get_plc_reg(var->reg_kind);
         var->start_addr = qint32(quint32(a) * 2u);
         var->count = qint32(((n + 1) / 2) * 2);
         break;
-    case 12: case 13: case 14: // 64-bit values: address times 4, count a multiple of 4
+    case 12:
+    case 13:
+    case 14: // 64-bit values: address times 4, count a multiple of 4
         var->reg_kind = get_plc_reg(var->reg_kind);
         var->start_addr = qint32(quint32(a) * 4u);
         var->count = qint32(((n + 3) / 4) * 4);
         break;
-    default:
-        break;
+    default: break;
     }
 }
 
@@ -419,12 +430,8 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
     }
 
     switch (d.last_list) {
-    case 1:
-        finish_head(d.write_list, true);
-        break;
-    case 2:
-        finish_head(d.once_read_list, local);
-        break;
+    case 1: finish_head(d.write_list, true); break;
+    case 2: finish_head(d.once_read_list, local); break;
     case 0:
         if (!d.read_list.isEmpty() && d.read_list.first().status == -1) {
             d.read_list.first().status = 0;
@@ -432,8 +439,7 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
             d.read_list.append(d.read_list.takeFirst());
         }
         break;
-    default:
-        break;
+    default: break;
     }
 
     if (comm_failed_get()) {

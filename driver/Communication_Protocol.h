@@ -71,12 +71,12 @@ struct RW_VAR {
 
 // One queued request: the frame to send and what its reply must look like.
 struct Protocol {
-    QByteArray frame;          // request bytes
-    qint32 frame_len = 0;      // length of frame
-    qint32 reply_len = 0;      // expected reply length; -1 accepts any length
+    QByteArray frame;            // request bytes
+    qint32 frame_len = 0;        // length of frame
+    qint32 reply_len = 0;        // expected reply length; -1 accepts any length
     qint32 reply_header_len = 0; // bytes in front of the data in the reply
-    qint32 data_len = 0;       // data bytes expected in the reply
-    RW_VAR var;                // copy of the variable the request was built for
+    qint32 data_len = 0;         // data bytes expected in the reply
+    RW_VAR var;                  // copy of the variable the request was built for
     qint32 spare1 = 0;
     qint32 spare2 = 0;
     qint32 spare3 = 0;
@@ -116,10 +116,10 @@ struct ComInfo {
 
 // The runtime's read-variable descriptor handed to ReCreatReadVarList.
 struct HostReadVar {
-    quint8 host_flag = 0; // not read by the driver
-    quint8 reg_kind = 0;  // register kind code
-    quint8 station = 0;   // PLC station number
-    quint8 host_byte = 0; // not read by the driver
+    quint8 host_flag = 0;  // not read by the driver
+    quint8 reg_kind = 0;   // register kind code
+    quint8 station = 0;    // PLC station number
+    quint8 host_byte = 0;  // not read by the driver
     qint32 host_value = 0; // not read by the driver
     QString address_text;
     QString name_text;
@@ -159,16 +159,16 @@ public:
     QMutex area_mutex;    // the two mirror tables
     QMutex station_mutex; // disabled_stations (only ever taken inside list_mutex)
     QMap<int, int> disabled_stations;
-    RW_VAR ret_var; // result record returned by DataCom
+    RW_VAR ret_var;   // result record returned by DataCom
     qint32 last_list; // 0 cyclic, 1 write, 2 one-shot; 100 none
     qint32 write_burst;
     qint32 once_burst;
     qint32 cycle_count;
     bool comm_failed; // set when a request was given up, cleared by a good reply
     bool spare_flag;
-    unsigned char frame_buf[1024];     // scratch for the Modbus TCP builders
-    quint16 transaction_ids[256];      // Modbus transaction identifier per station
-    QHash<quint64, uchar> bit_mirror;  // bits of classes 0 and 1
+    unsigned char frame_buf[1024];      // scratch for the Modbus TCP builders
+    quint16 transaction_ids[256];       // Modbus transaction identifier per station
+    QHash<quint64, uchar> bit_mirror;   // bits of classes 0 and 1
     QHash<quint64, ushort> word_mirror; // words of classes 2, 3 and 4
 };
 
@@ -208,8 +208,8 @@ PLCDRIVER_EXPORT int GetRegisterData(const void *unused, int reg_kind, const QSt
 // A max_read_units of 0 or below is taken as 1 when cutting a write into chunks.
 // Without a communication-info record (SetComInfo not called) nothing is
 // written and the result is 0.
-PLCDRIVER_EXPORT int SetRegisterData(const QString &name_text, int reg_kind, const QString &address_text,
-                                     int station, QByteArray *data, int count, int source_type, int source_id);
+PLCDRIVER_EXPORT int SetRegisterData(const QString &name_text, int reg_kind, const QString &address_text, int station,
+                                     QByteArray *data, int count, int source_type, int source_id);
 PLCDRIVER_EXPORT int QueryFinishFlag();
 
 // Debug log handler (Qt 4 handler shape): appends "timestamp:message" lines to

@@ -92,12 +92,12 @@ class Plot:
         """plots: list of (data rows, gnuplot 'using ... with ... title' text)."""
         parts = []
         data = []
-        for i, (rows, spec) in enumerate(plots):
+        for i, (rows, using) in enumerate(plots):
             block = f"$d{i}"
             data.append(f"{block} << EOD")
             data.extend(" ".join(str(v) for v in row) for row in rows)
             data.append("EOD")
-            parts.append(f"{block} {spec}")
+            parts.append(f"{block} {using}")
         script = "\n".join(data + self.lines + ["plot " + ", \\\n     ".join(parts)]) + "\n"
         with open(os.path.join(self.out_dir, self.name + ".gp"), "w") as f:
             f.write(script)

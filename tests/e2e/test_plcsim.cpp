@@ -6,6 +6,7 @@
 #include "e2e_util.h"
 #include "modbus_client.h"
 #include "plcsim_process.h"
+#include "plcsim_required.h"
 
 #include <gtest/gtest.h>
 
@@ -21,14 +22,6 @@ using namespace e2e;
 using plchost::DoneResult;
 using plchost::Host;
 using plchost::Tag;
-
-#ifdef PLCSIM_PATH
-#define REQUIRE_PLCSIM() (void)0
-static const char *const kPlcsim = PLCSIM_PATH;
-#else
-#define REQUIRE_PLCSIM() GTEST_SKIP() << "plcsim is not part of this build"
-static const char *const kPlcsim = "";
-#endif
 
 namespace {
 

@@ -55,4 +55,24 @@ inline ComInfo make_com_info()
     return info;
 }
 
+// Word of the mirror, or -1 when the entry does not exist.
+inline int word_entry(int station, int cls, qint32 addr)
+{
+    const quint64 key = mirror_key(station, cls, addr);
+    return PLC_driver.word_mirror.contains(key) ? int(PLC_driver.word_mirror.value(key)) : -1;
+}
+
+// Bit of the mirror, or -1 when the entry does not exist.
+inline int bit_entry(int station, int cls, qint32 addr)
+{
+    const quint64 key = mirror_key(station, cls, addr);
+    return PLC_driver.bit_mirror.contains(key) ? int(PLC_driver.bit_mirror.value(key)) : -1;
+}
+
+// Puts a word into the mirror as reply storage would.
+inline void put_word(int station, int cls, qint32 addr, ushort value)
+{
+    PLC_driver.word_mirror.insert(mirror_key(station, cls, addr), value);
+}
+
 #endif

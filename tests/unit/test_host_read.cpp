@@ -15,11 +15,6 @@ QByteArray bytes(std::initializer_list<int> values)
     return out;
 }
 
-void put_word(int station, int cls, qint32 addr, ushort value)
-{
-    PLC_driver.word_mirror.insert(mirror_key(station, cls, addr), value);
-}
-
 void put_bit(int station, int cls, qint32 addr, uchar value)
 {
     PLC_driver.bit_mirror.insert(mirror_key(station, cls, addr), value);

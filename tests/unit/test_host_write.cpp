@@ -25,23 +25,6 @@ QByteArray ramp(int n)
     return out;
 }
 
-int word_entry(int station, int cls, qint32 addr)
-{
-    const quint64 key = mirror_key(station, cls, addr);
-    return PLC_driver.word_mirror.contains(key) ? int(PLC_driver.word_mirror.value(key)) : -1;
-}
-
-int bit_entry(int station, int cls, qint32 addr)
-{
-    const quint64 key = mirror_key(station, cls, addr);
-    return PLC_driver.bit_mirror.contains(key) ? int(PLC_driver.bit_mirror.value(key)) : -1;
-}
-
-void put_word(int station, int cls, qint32 addr, ushort value)
-{
-    PLC_driver.word_mirror.insert(mirror_key(station, cls, addr), value);
-}
-
 class HostWrite : public ::testing::Test {
 protected:
     void SetUp() override

@@ -28,24 +28,6 @@ RW_VAR rec(int kind, qint32 addr, int station, int count, const QByteArray &data
     return v;
 }
 
-// Word of the mirror, or -1 when the entry does not exist.
-int word_entry(int station, int cls, qint32 addr)
-{
-    const quint64 key = mirror_key(station, cls, addr);
-    return PLC_driver.word_mirror.contains(key) ? int(PLC_driver.word_mirror.value(key)) : -1;
-}
-
-int bit_entry(int station, int cls, qint32 addr)
-{
-    const quint64 key = mirror_key(station, cls, addr);
-    return PLC_driver.bit_mirror.contains(key) ? int(PLC_driver.bit_mirror.value(key)) : -1;
-}
-
-void put_word(int station, int cls, qint32 addr, ushort value)
-{
-    PLC_driver.word_mirror.insert(mirror_key(station, cls, addr), value);
-}
-
 class Mirror : public ::testing::Test {
 protected:
     void SetUp() override

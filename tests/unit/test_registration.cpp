@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "driver_test_support.h"
+#include "record_expectations.h"
 
 #include <climits>
 
@@ -27,25 +28,6 @@ RW_VAR make_var(int kind, const char *address, int count, int station = 3, int s
     v.ext_param2 = 8;
     v.data = QByteArray("\x01\x02", 2);
     return v;
-}
-
-void expect_same_var(const RW_VAR &a, const RW_VAR &b)
-{
-    EXPECT_EQ(a.source_type, b.source_type);
-    EXPECT_EQ(a.source_id, b.source_id);
-    EXPECT_EQ(a.rw_flag, b.rw_flag);
-    EXPECT_EQ(a.link_mode, b.link_mode);
-    EXPECT_EQ(a.link_id, b.link_id);
-    EXPECT_EQ(a.status, b.status);
-    EXPECT_EQ(a.name_text, b.name_text);
-    EXPECT_EQ(a.address_text, b.address_text);
-    EXPECT_EQ(a.reg_kind, b.reg_kind);
-    EXPECT_EQ(a.start_addr, b.start_addr);
-    EXPECT_EQ(a.station, b.station);
-    EXPECT_EQ(a.count, b.count);
-    EXPECT_EQ(a.ext_param1, b.ext_param1);
-    EXPECT_EQ(a.ext_param2, b.ext_param2);
-    EXPECT_EQ(a.data, b.data);
 }
 
 // Expected (start_addr, count) of each entry of once_read_list, in order.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <vector>
 #include <utility>
 
@@ -305,6 +306,36 @@ private:
     const QList<RW_VAR> &group_;
 };
 
+// Prefetch hints for the passes over the runtime's descriptors. A QList of
+// records this size holds a pointer to each, and each text is a block of
+// its own; with tens of thousands of descriptors these no longer sit in the
+// caches, and a pass that waits for each in turn is bound by memory
+// latency. The passes so ask for the records and texts a few steps ahead.
+// The first word of a QString (Qt 5 and 6) is the address of its shared
+// block: share count, then the characters. A prefetch never faults, so
+// reading that word can only ever cost speed, not correctness.
+const int kPrefetchAhead = 16;
+
+inline const void *text_block(const QString &s)
+{
+    const void *block;
+    std::memcpy(&block, &s, sizeof block);
+    return block;
+}
+
+// Sets every field of r from proto, except the two texts, which r keeps.
+// proto's texts are empty.
+inline void assign_keeping_texts(RW_VAR &r, const RW_VAR &proto)
+{
+    QString name_text;
+    QString address_text;
+    name_text.swap(r.name_text);
+    address_text.swap(r.address_text);
+    r = proto;
+    r.name_text.swap(name_text);
+    r.address_text.swap(address_text);
+}
+
 // One parsed and converted descriptor of ReCreatReadVarList: what grouping,
 // ordering and merging need, without the texts. The sort key packs the
 // station (bits 47..40), the kind (39..32) and the start address with its
@@ -387,12 +418,27 @@ struct PlannedRequest {
     qint32 index;
 };
 
-// The texts of one descriptor that opens requests, and how many requests
-// still take them.
+// Where a descriptor's two texts keep their characters (see text_block):
+// enough to tell whether a record already shares them, without going back
+// to the descriptor.
+struct TextBlocks {
+    const void *name_text;
+    const void *address_text;
+};
+
+// True when s keeps its characters in block. A string without a block of
+// its own (raw data, in Qt 6 also the null string) is never taken as shared.
+inline bool shares_block(const QString &s, const void *block)
+{
+    return block != nullptr && text_block(s) == block;
+}
+
+// The texts of one descriptor, for the records made from it, and the plan
+// position of the last of those (that one gets them moved, not copied).
 struct PlannedTexts {
     QString name_text;
     QString address_text;
-    int uses = 0;
+    int last_use;
 };
 
 // Work buffers of ReCreatReadVarList, used only under list_mutex. They keep
@@ -404,6 +450,8 @@ struct RebuildBuffers {
     std::vector<ReadItem> items;
     std::vector<ReadItem> scratch;
     std::vector<PlannedRequest> plan;
+    std::vector<TextBlocks> text_blocks; // their texts' shared blocks, by position
+    std::vector<int> pending;            // records still waiting for their texts
     std::vector<int> slot_of;
     std::vector<PlannedTexts> texts;
 };
@@ -480,12 +528,13 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
     Communication_Protocol &d = PLC_driver;
     {
         DriverLock lock(d.list_mutex);
-        d.read_list = QList<RW_VAR>();
         ComInfo *info = d.com_info;
         // Nothing to read, or no communication-info record to read it with:
-        // the list stays empty.
-        if (!descriptors || descriptors->isEmpty() || !info)
+        // the list is left empty.
+        if (!descriptors || descriptors->isEmpty() || !info) {
+            d.read_list = QList<RW_VAR>();
             return 0;
+        }
 
         const int n = effective_max_units();
         d.cycle_count = 0;
@@ -508,12 +557,21 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         reuse(buf.items, size_t(host_count));
         reuse(buf.scratch, size_t(host_count));
         reuse(buf.plan, size_t(host_count));
+        reuse(buf.text_blocks, size_t(host_count));
+        reuse(buf.pending, size_t(host_count));
         reuse(buf.slot_of, size_t(host_count));
         reuse(buf.texts, size_t(host_count));
         std::vector<ReadItem> &items = buf.items;
         items.reserve(size_t(host_count));
+        std::vector<TextBlocks> &text_blocks = buf.text_blocks;
+        text_blocks.resize(size_t(host_count));
         for (int i = 0; i < host_count; ++i) {
+            if (i + 2 * kPrefetchAhead < host_count)
+                __builtin_prefetch(&descriptors->at(i + 2 * kPrefetchAhead));
+            if (i + kPrefetchAhead < host_count)
+                __builtin_prefetch(text_block(descriptors->at(i + kPrefetchAhead).address_text));
             const HostReadVar &h = descriptors->at(i);
+            text_blocks[size_t(i)] = {text_block(h.name_text), text_block(h.address_text)};
             const int addr = StringAddressToInt(h.reg_kind, h.address_text);
             if (addr < 0)
                 continue;
@@ -548,50 +606,95 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
             first = end;
         }
 
-        // The texts of the descriptors that open requests, taken in the
-        // runtime's order: a request list is in address order, and copying
-        // texts in that order would visit the runtime's descriptors (and
-        // the share counts of their strings) at random, which for large
-        // lists costs more than all the rest. Each text is copied once here
-        // and moved into its last request below.
-        std::vector<int> &slot_of = buf.slot_of;
-        slot_of.assign(size_t(host_count), -1);
-        int slots = 0;
-        for (const PlannedRequest &p : plan)
-            if (slot_of[size_t(p.index)] < 0)
-                slot_of[size_t(p.index)] = slots++;
-        std::vector<PlannedTexts> &texts = buf.texts;
-        texts.resize(size_t(slots));
-        for (const PlannedRequest &p : plan)
-            ++texts[size_t(slot_of[size_t(p.index)])].uses;
-        for (int i = 0; i < host_count; ++i) {
-            const int slot = slot_of[size_t(i)];
-            if (slot < 0)
-                continue;
-            const HostReadVar &h = descriptors->at(i);
-            texts[size_t(slot)].name_text = h.name_text;
-            texts[size_t(slot)].address_text = h.address_text;
-        }
-
-        // The records, in plan order.
+        // The records, in plan order. The records of the previous list are
+        // overwritten in place (a list the runtime shares is left to it):
+        // freeing tens of thousands of records and allocating as many again
+        // costs more than the rebuild itself.
+        QList<RW_VAR> &out = d.read_list;
+        const int wanted = int(plan.size());
+        if (!out.isDetached())
+            out = QList<RW_VAR>();
+        if (out.size() > wanted)
+            out.erase(out.begin() + wanted, out.end());
+        out.reserve(wanted);
         work.name_text.clear();
         work.address_text.clear();
-        d.read_list.reserve(int(plan.size()));
-        for (const PlannedRequest &p : plan) {
-            PlannedTexts &t = texts[size_t(slot_of[size_t(p.index)])];
-            d.read_list.append(work);
-            RW_VAR &r = d.read_list.last();
+        while (out.size() < wanted)
+            out.append(work);
+        const QList<RW_VAR>::iterator records = out.begin();
+
+        // First every field but the texts. A record that already shares
+        // both texts with its descriptor (a list rebuilt from the same
+        // descriptors) keeps them; the others are noted.
+        std::vector<int> &pending = buf.pending;
+        for (int k = 0; k < wanted; ++k) {
+            if (k + kPrefetchAhead < wanted) {
+                __builtin_prefetch(&text_blocks[size_t(plan[size_t(k + kPrefetchAhead)].index)]);
+                __builtin_prefetch(&records[k + kPrefetchAhead], 1);
+            }
+            const PlannedRequest &p = plan[size_t(k)];
+            RW_VAR &r = records[k];
+            assign_keeping_texts(r, work);
             r.station = own_station ? read_item_station_byte(p.group_key) : info->default_station;
             r.reg_kind = read_item_kind(p.group_key);
             r.start_addr = p.start_addr;
             r.count = p.count;
-            if (--t.uses == 0) {
-                r.name_text = std::move(t.name_text);
-                r.address_text = std::move(t.address_text);
-            } else {
-                r.name_text = t.name_text;
-                r.address_text = t.address_text;
+            const TextBlocks &blocks = text_blocks[size_t(p.index)];
+            if (!shares_block(r.name_text, blocks.name_text) || !shares_block(r.address_text, blocks.address_text))
+                pending.push_back(k);
+        }
+
+        // The texts the noted records need, taken in the runtime's order: a
+        // request list is in address order, and copying texts in that order
+        // would visit the runtime's descriptors (and the share counts of
+        // their strings) at random, which for large lists costs more than
+        // all the rest. slot_of[i] first holds the plan position of the last
+        // noted record made from descriptor i (-1: none), then the
+        // descriptor's entry in texts. Each text is copied once here and
+        // moved into its last record below.
+        if (!pending.empty()) {
+            std::vector<int> &slot_of = buf.slot_of;
+            slot_of.assign(size_t(host_count), -1);
+            for (const int k : pending)
+                slot_of[size_t(plan[size_t(k)].index)] = k;
+            std::vector<PlannedTexts> &texts = buf.texts;
+            for (int i = 0; i < host_count; ++i) {
+                if (i + kPrefetchAhead / 2 < host_count && slot_of[size_t(i + kPrefetchAhead / 2)] >= 0) {
+                    const TextBlocks &ahead = text_blocks[size_t(i + kPrefetchAhead / 2)];
+                    __builtin_prefetch(ahead.name_text, 1);
+                    __builtin_prefetch(ahead.address_text, 1);
+                }
+                const int last_use = slot_of[size_t(i)];
+                if (last_use < 0)
+                    continue;
+                const HostReadVar &h = descriptors->at(i);
+                slot_of[size_t(i)] = int(texts.size());
+                texts.push_back({h.name_text, h.address_text, last_use});
             }
+            const size_t count = pending.size();
+            for (size_t j = 0; j < count; ++j) {
+                // Ahead: the texts entry of a coming record, and the share
+                // counts of the texts it gives up.
+                if (j + kPrefetchAhead < count)
+                    __builtin_prefetch(
+                        &texts[size_t(slot_of[size_t(plan[size_t(pending[j + kPrefetchAhead])].index)])]);
+                if (j + kPrefetchAhead / 2 < count) {
+                    const RW_VAR &ahead = records[pending[j + kPrefetchAhead / 2]];
+                    __builtin_prefetch(text_block(ahead.name_text), 1);
+                    __builtin_prefetch(text_block(ahead.address_text), 1);
+                }
+                const int k = pending[j];
+                RW_VAR &r = records[k];
+                PlannedTexts &t = texts[size_t(slot_of[size_t(plan[size_t(k)].index)])];
+                if (t.last_use == k) {
+                    r.name_text = std::exchange(t.name_text, QString());
+                    r.address_text = std::exchange(t.address_text, QString());
+                } else {
+                    r.name_text = t.name_text;
+                    r.address_text = t.address_text;
+                }
+            }
+            texts.clear();
         }
     }
     return locked_size(d.read_list);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "driver_test_support.h"
+#include "record_expectations.h"
 
 #include <climits>
 #include <map>
@@ -88,6 +89,38 @@ RW_VAR rec(int start, int count, int id)
     r.count = count;
     r.source_id = id;
     return r;
+}
+
+// Descriptors of every kind over a few stations, with duplicate addresses
+// and counts that make merges and splits; a few unparsable addresses.
+QList<HostReadVar> random_hosts(std::mt19937 &rng, int n)
+{
+    std::uniform_int_distribution<int> kind(0, 14), station(1, 4), address(0, 300), count(-1, 70), odd(0, 19);
+    QList<HostReadVar> hosts;
+    for (int i = 0; i < n; ++i) {
+        const int k = kind(rng);
+        const int a = address(rng);
+        QString text = (k == 0 || k == 1 || k == 5) ? QString::number(a / 8) + QLatin1Char('.') + QString::number(a % 8)
+                                                    : QString::number(a);
+        if (odd(rng) == 0)
+            text = QStringLiteral("x") + text;
+        HostReadVar h = host(k, station(rng), "", count(rng), "");
+        h.address_text = text;
+        h.name_text = QStringLiteral("tag") + QString::number(i);
+        hosts.append(h);
+    }
+    return hosts;
+}
+
+// The read list a rebuild makes when there is no list before it.
+QList<RW_VAR> fresh_rebuild(QList<HostReadVar> hosts)
+{
+    const QList<RW_VAR> kept = PLC_driver.read_list;
+    PLC_driver.read_list = QList<RW_VAR>();
+    ReCreatReadVarList(&hosts);
+    QList<RW_VAR> fresh = PLC_driver.read_list;
+    PLC_driver.read_list = kept;
+    return fresh;
 }
 
 // ---------------------------------------------------------------- merging and splitting
@@ -553,6 +586,90 @@ TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
             ASSERT_EQ(g.ext_param1, 0) << where;
             ASSERT_EQ(g.ext_param2, 0) << where;
         }
+    }
+}
+
+// ---------------------------------------------------------------- rebuilding over an earlier list
+
+TEST_F(ReadListGrouping, RebuildOverAnEarlierListEqualsARebuildFromNothing)
+{
+    // Longer, shorter, equal and empty lists after each other, the same list
+    // again, and records the cycle has marked in between: every rebuild
+    // must give exactly what a rebuild from an empty list gives.
+    std::mt19937 rng(4242);
+    std::uniform_int_distribution<int> size(0, 400);
+    QList<HostReadVar> previous;
+    for (int round = 0; round < 60; ++round) {
+        QList<HostReadVar> hosts = (round % 5 == 4) ? previous : random_hosts(rng, size(rng));
+        const QList<RW_VAR> want = fresh_rebuild(hosts);
+        for (RW_VAR &r : PLC_driver.read_list) {
+            r.status = -1;
+            r.source_type = 3;
+            r.source_id = 9;
+            r.rw_flag = 1;
+            r.ext_param1 = -2;
+            r.ext_param2 = 5;
+            r.data = QByteArray("\x01\x02", 2);
+        }
+        ASSERT_EQ(ReCreatReadVarList(&hosts), want.size()) << "round " << round;
+        const QList<RW_VAR> &got = PLC_driver.read_list;
+        ASSERT_EQ(got.size(), want.size()) << "round " << round;
+        for (int i = 0; i < got.size(); ++i) {
+            SCOPED_TRACE("round " + std::to_string(round) + " entry " + std::to_string(i));
+            expect_same_var(got.at(i), want.at(i));
+        }
+        previous = hosts;
+    }
+}
+
+TEST_F(ReadListGrouping, RebuildFromTheSameDescriptorsKeepsSharingTheirTexts)
+{
+    QList<HostReadVar> hosts = {host(2, 1, "10", 2, "a"), host(2, 1, "40", 2, "b"), host(3, 2, "7", 1, "c")};
+    ASSERT_EQ(ReCreatReadVarList(&hosts), 2);
+    ASSERT_EQ(ReCreatReadVarList(&hosts), 2);
+    const QList<RW_VAR> &list = PLC_driver.read_list;
+    EXPECT_EQ(list.at(0).name_text, QStringLiteral("a"));
+    EXPECT_TRUE(list.at(0).name_text.isSharedWith(hosts.at(0).name_text));
+    EXPECT_TRUE(list.at(0).address_text.isSharedWith(hosts.at(0).address_text));
+    EXPECT_EQ(list.at(1).name_text, QStringLiteral("c"));
+    EXPECT_TRUE(list.at(1).name_text.isSharedWith(hosts.at(2).name_text));
+}
+
+TEST_F(ReadListGrouping, RebuildTakesTextsTheRuntimeChanged)
+{
+    QList<HostReadVar> hosts = {host(2, 1, "10", 2, "a"), host(2, 1, "40", 2, "b")};
+    ASSERT_EQ(ReCreatReadVarList(&hosts), 1);
+
+    // Only the address, then only the name.
+    hosts[0].address_text = QStringLiteral("12");
+    ASSERT_EQ(ReCreatReadVarList(&hosts), 1);
+    const RW_VAR &r = PLC_driver.read_list.at(0);
+    EXPECT_EQ(r.name_text, QStringLiteral("a"));
+    EXPECT_EQ(r.address_text, QStringLiteral("12"));
+    EXPECT_EQ(r.start_addr, 12);
+    EXPECT_EQ(r.count, 30);
+
+    hosts[0].name_text = QStringLiteral("renamed");
+    ASSERT_EQ(ReCreatReadVarList(&hosts), 1);
+    EXPECT_EQ(PLC_driver.read_list.at(0).name_text, QStringLiteral("renamed"));
+    EXPECT_EQ(PLC_driver.read_list.at(0).address_text, QStringLiteral("12"));
+}
+
+TEST_F(ReadListGrouping, RebuildLeavesACopyOfTheOldListAlone)
+{
+    QList<HostReadVar> first = {host(2, 1, "10", 2, "a"), host(3, 1, "5", 1, "b")};
+    ASSERT_EQ(ReCreatReadVarList(&first), 2);
+    const QList<RW_VAR> copy = PLC_driver.read_list; // shares the list
+    QList<RW_VAR> deep;
+    for (const RW_VAR &r : copy)
+        deep.append(r);
+    QList<HostReadVar> second = {host(2, 4, "99", 3, "z")};
+    ASSERT_EQ(ReCreatReadVarList(&second), 1);
+    EXPECT_EQ(PLC_driver.read_list.at(0).name_text, QStringLiteral("z"));
+    ASSERT_EQ(copy.size(), 2);
+    for (int i = 0; i < copy.size(); ++i) {
+        SCOPED_TRACE("entry " + std::to_string(i));
+        expect_same_var(copy.at(i), deep.at(i));
     }
 }
 

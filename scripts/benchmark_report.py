@@ -518,7 +518,9 @@ def main():
         w("## 4. ReCreatReadVarList time against tag count\n")
         w(f"Command: `{command_of(meta, 'bench_read_list')}`\n")
         w("`bench_read_list`: one rebuild of the cyclic list from n descriptors with shuffled addresses and "
-          "duplicates; OneGroup = one station and kind, Spread = 16 stations and all 15 kinds. CPU time, "
+          "duplicates; OneGroup = one station and kind, Spread = 16 stations and all 15 kinds. The plain "
+          "variants rebuild from the same list every call (caches and branch predictor warm from the call "
+          "before); the _FreshLists variants take the next of eight different lists each call. CPU time, "
           "median and range over the repetitions.\n")
         runs = gbench_runs(rl)
         series = {}
@@ -539,7 +541,8 @@ def main():
             a, b = fit_power(xs, ys)
             lin = fit_shape(xs, ys, lambda x: x)
             nlogn = fit_shape(xs, ys, lambda x: x * math.log(x))
-            fits[v] = {"slope": b, "rms_linear": lin, "rms_nlogn": nlogn}
+            growth = [(pts[k - 1][0], n, m / pts[k - 1][1][0]) for k, (n, (m, _, _)) in enumerate(pts) if k > 0]
+            fits[v] = {"slope": b, "rms_linear": lin, "rms_nlogn": nlogn, "growth": growth}
             plots.append(([(n, m, lo, hi) for n, (m, lo, hi) in pts],
                           f"using 1:2:3:4 with yerrorlines lw 2 title '{v} (slope {b:.2f})'"))
         w("")
@@ -547,7 +550,8 @@ def main():
             better = "n log n" if f["rms_nlogn"] < f["rms_linear"] else "linear"
             w(f"- {v}: log-log slope {f['slope']:.2f} ({growth_words(f['slope'])}); of the one-parameter "
               f"shapes c·n and c·n·log n, {better} fits the points better (rms log residual "
-              f"{f['rms_linear']:.3f} for c·n, {f['rms_nlogn']:.3f} for c·n·log n).")
+              f"{f['rms_linear']:.3f} for c·n, {f['rms_nlogn']:.3f} for c·n·log n); time growth "
+              + ", ".join(f"{a:,} → {b:,}: {g:.1f}x" for a, b, g in f["growth"]) + ".")
         w("")
         summary["read_list"] = {"series": {v: [(n, s) for n, s in pts] for v, pts in series.items()}, "fits": fits}
         p = Plot(out_dir, "read_list")

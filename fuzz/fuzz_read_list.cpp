@@ -224,6 +224,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (descriptors.isEmpty())
         FUZZ_CHECK(result == 0);
 
+    // Rebuilt over the list just made, from the same descriptors and from a
+    // part of them with fresh texts, the list is what a rebuild from
+    // nothing gives.
+    FUZZ_CHECK(ReCreatReadVarList(&descriptors) == expected.size());
+    for (int i = 0; i < list.size(); ++i)
+        FUZZ_CHECK(same_entry(list.at(i), expected.at(i)));
+    QList<HostReadVar> part = descriptors.mid(descriptors.size() / 3);
+    for (HostReadVar &h : part)
+        h.name_text = QStringLiteral("p") + h.name_text;
+    const QList<RW_VAR> expected_part = reference_read_list(part, g_info, n);
+    FUZZ_CHECK(ReCreatReadVarList(&part) == expected_part.size());
+    for (int i = 0; i < list.size(); ++i)
+        FUZZ_CHECK(same_entry(list.at(i), expected_part.at(i)));
+    ReCreatReadVarList(&descriptors);
+
     // The converted records per (station, kind) group, in the host's order,
     // as the driver's documented conversion makes them.
     std::map<std::pair<int, int>, std::vector<Record>> groups;

@@ -454,14 +454,27 @@ struct RebuildBuffers {
     std::vector<int> pending;            // records still waiting for their texts
     std::vector<int> slot_of;
     std::vector<PlannedTexts> texts;
-};
 
-template <typename T> void reuse(std::vector<T> &v, size_t need)
-{
-    if (v.capacity() > 4 * need + 4096)
-        std::vector<T>().swap(v);
-    v.clear();
-}
+    // Empties every buffer for a rebuild from n descriptors.
+    void prepare(size_t n)
+    {
+        reuse(items, n);
+        reuse(scratch, n);
+        reuse(plan, n);
+        reuse(text_blocks, n);
+        reuse(pending, n);
+        reuse(slot_of, n);
+        reuse(texts, n);
+    }
+
+private:
+    template <typename T> static void reuse(std::vector<T> &v, size_t n)
+    {
+        if (v.capacity() > 4 * n + 4096)
+            std::vector<T>().swap(v);
+        v.clear();
+    }
+};
 
 RebuildBuffers &rebuild_buffers()
 {
@@ -554,13 +567,7 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // Parse and convert every descriptor into a compact item.
         const int host_count = descriptors->size();
         RebuildBuffers &buf = rebuild_buffers();
-        reuse(buf.items, size_t(host_count));
-        reuse(buf.scratch, size_t(host_count));
-        reuse(buf.plan, size_t(host_count));
-        reuse(buf.text_blocks, size_t(host_count));
-        reuse(buf.pending, size_t(host_count));
-        reuse(buf.slot_of, size_t(host_count));
-        reuse(buf.texts, size_t(host_count));
+        buf.prepare(size_t(host_count));
         std::vector<ReadItem> &items = buf.items;
         items.reserve(size_t(host_count));
         std::vector<TextBlocks> &text_blocks = buf.text_blocks;
@@ -617,8 +624,6 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         if (out.size() > wanted)
             out.erase(out.begin() + wanted, out.end());
         out.reserve(wanted);
-        work.name_text.clear();
-        work.address_text.clear();
         while (out.size() < wanted)
             out.append(work);
         const QList<RW_VAR>::iterator records = out.begin();

@@ -32,6 +32,7 @@
 //     station and kind (limit 1: an entry at the record's address whose
 //     count is at least the record's).
 #include "fuzz_common.h"
+#include "read_list_reference.h"
 
 #include <QList>
 
@@ -63,27 +64,7 @@ struct Record {
 // over compact items) must give exactly this list.
 QList<RW_VAR> reference_read_list(const QList<HostReadVar> &descriptors, const ComInfo &info, int n)
 {
-    std::map<int, std::map<int, std::vector<RW_VAR>>> groups;
-    RW_VAR work;
-    work.source_type = 0;
-    work.source_id = -1;
-    work.rw_flag = 0;
-    work.link_mode = info.link_mode;
-    work.link_id = info.local_link_id;
-    work.status = 0;
-    for (const HostReadVar &h : descriptors) {
-        const int addr = StringAddressToInt(h.reg_kind, h.address_text);
-        if (addr < 0)
-            continue;
-        work.name_text = h.name_text;
-        work.address_text = h.address_text;
-        work.station = info.station_from_address == 0 ? info.default_station : h.station;
-        work.start_addr = addr;
-        work.count = h.count;
-        work.reg_kind = h.reg_kind;
-        Communication_Protocol::update_rw_var(&work);
-        groups[work.station][work.reg_kind].push_back(work);
-    }
+    ReadGroups groups = group_descriptors(descriptors, info);
 
     QList<RW_VAR> out;
     for (auto &station : groups) {
@@ -159,6 +140,16 @@ bool same_entry(const RW_VAR &a, const RW_VAR &b)
            a.ext_param2 == b.ext_param2 && a.data == b.data;
 }
 
+bool same_list(const QList<RW_VAR> &a, const QList<RW_VAR> &b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (int i = 0; i < a.size(); ++i)
+        if (!same_entry(a.at(i), b.at(i)))
+            return false;
+    return true;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -218,9 +209,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FUZZ_CHECK(result == list.size());
 
     const QList<RW_VAR> expected = reference_read_list(descriptors, g_info, n);
-    FUZZ_CHECK(list.size() == expected.size());
-    for (int i = 0; i < list.size(); ++i)
-        FUZZ_CHECK(same_entry(list.at(i), expected.at(i)));
+    FUZZ_CHECK(same_list(list, expected));
     if (descriptors.isEmpty())
         FUZZ_CHECK(result == 0);
 
@@ -228,34 +217,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // part of them with fresh texts, the list is what a rebuild from
     // nothing gives.
     FUZZ_CHECK(ReCreatReadVarList(&descriptors) == expected.size());
-    for (int i = 0; i < list.size(); ++i)
-        FUZZ_CHECK(same_entry(list.at(i), expected.at(i)));
+    FUZZ_CHECK(same_list(list, expected));
     QList<HostReadVar> part = descriptors.mid(descriptors.size() / 3);
     for (HostReadVar &h : part)
         h.name_text = QStringLiteral("p") + h.name_text;
     const QList<RW_VAR> expected_part = reference_read_list(part, g_info, n);
     FUZZ_CHECK(ReCreatReadVarList(&part) == expected_part.size());
-    for (int i = 0; i < list.size(); ++i)
-        FUZZ_CHECK(same_entry(list.at(i), expected_part.at(i)));
+    FUZZ_CHECK(same_list(list, expected_part));
     ReCreatReadVarList(&descriptors);
 
     // The converted records per (station, kind) group, in the host's order,
     // as the driver's documented conversion makes them.
     std::map<std::pair<int, int>, std::vector<Record>> groups;
     bool wraps = false;
-    for (const HostReadVar &h : std::as_const(descriptors)) {
-        const int addr = StringAddressToInt(h.reg_kind, h.address_text);
-        if (addr < 0)
-            continue;
-        RW_VAR v;
-        v.reg_kind = h.reg_kind;
-        v.start_addr = addr;
-        v.count = h.count;
-        v.station = g_info.station_from_address == 0 ? g_info.default_station : h.station;
-        Communication_Protocol::update_rw_var(&v);
-        groups[{v.station, v.reg_kind}].push_back({v.start_addr, v.count});
-        if (int64_t(v.start_addr) + v.count + 2 * int64_t(limit_of(v.reg_kind, n)) > INT32_MAX)
-            wraps = true;
+    for (const auto &station : group_descriptors(descriptors, g_info)) {
+        for (const auto &kind : station.second) {
+            for (const RW_VAR &v : kind.second) {
+                groups[{v.station, v.reg_kind}].push_back({v.start_addr, v.count});
+                if (int64_t(v.start_addr) + v.count + 2 * int64_t(limit_of(v.reg_kind, n)) > INT32_MAX)
+                    wraps = true;
+            }
+        }
     }
     if (groups.empty())
         FUZZ_CHECK(result == 0);

@@ -130,38 +130,7 @@ uint8_t input_bit_pattern(int i)
     return uint8_t(i % 5 < 2);
 }
 
-QByteArray hex(const char *text)
-{
-    return QByteArray::fromHex(QByteArray(text));
-}
-
-RW_VAR make_var(int kind, int start, int count, int station, const QByteArray &data = QByteArray())
-{
-    RW_VAR v;
-    v.reg_kind = kind;
-    v.start_addr = start;
-    v.count = count;
-    v.station = station;
-    v.data = data;
-    return v;
-}
-
 // A write record as SetRegisterData queues it: rw_flag 1.
-RW_VAR make_write(int kind, int start, int count, int station, const QByteArray &data)
-{
-    RW_VAR v = make_var(kind, start, count, station, data);
-    v.rw_flag = 1;
-    return v;
-}
-
-QByteArray bytes_of(std::initializer_list<int> values)
-{
-    QByteArray d;
-    for (int v : values)
-        d.append(char(v));
-    return d;
-}
-
 QByteArray pattern_bytes(int n, int seed)
 {
     QByteArray d(n, '\0');
@@ -419,7 +388,7 @@ TEST_F(ModbusWire, StoredReadsServeTheWiderViews)
     PLC_driver.request_queue.removeFirst();
     ASSERT_EQ(GetRegisterData(nullptr, 7, QStringLiteral("3"), 4, &out, 2), 1);
     const std::vector<ushort> r = registers(3, 0xA001, 2);
-    EXPECT_EQ(out, bytes_of({r[0] >> 8, r[1] & 0xFF, 0, 0}));
+    EXPECT_EQ(out, bytes({r[0] >> 8, r[1] & 0xFF, 0, 0}));
 
     // Bit 35 of class 4 is bit 3 of register 2.
     RW_VAR t = make_var(5, 35, 1, 4);
@@ -611,7 +580,7 @@ TEST_F(ModbusWire, TransactionIdentifiersRunOnAcrossRequests)
         write_register(&v);
         const QByteArray resp = transact_and_retire(2);
         const int expected = (0xFFFE + i) & 0xFFFF;
-        EXPECT_EQ(resp.left(2), bytes_of({expected >> 8, expected & 0xFF}));
+        EXPECT_EQ(resp.left(2), bytes({expected >> 8, expected & 0xFF}));
     }
     EXPECT_EQ(PLC_driver.transaction_ids[6], 2);
 }

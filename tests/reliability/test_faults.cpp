@@ -26,6 +26,7 @@
 #include "fault_proxy.h"
 #include "modbus_client.h"
 #include "plcsim_process.h"
+#include "plcsim_required.h"
 #include "reliability_util.h"
 
 #include <gtest/gtest.h>
@@ -44,12 +45,6 @@ using plchost::Host;
 using plchost::Tag;
 using reliability::DoneLog;
 using reliability::FaultProxy;
-
-#ifdef PLCSIM_PATH
-static const char *const kPlcsim = PLCSIM_PATH;
-#else
-static const char *const kPlcsim = nullptr;
-#endif
 
 namespace {
 
@@ -107,8 +102,7 @@ std::vector<uint64_t> values_for(const Target &t, uint64_t v)
 
 TEST(ReliabilityFaults, RepliesFaultedBetweenHostAndPlcsim)
 {
-    if (!kPlcsim)
-        GTEST_SKIP() << "plcsim is not part of this build";
+    REQUIRE_PLCSIM();
     const int scale = reliability::scale();
     const uint32_t seed = uint32_t(reliability::env_number("PLCDRIVER_FAULT_SEED", 1));
     const int percent = int(reliability::env_number("PLCDRIVER_FAULT_PERCENT", 25));
@@ -324,8 +318,7 @@ TEST(ReliabilityFaults, RepliesFaultedBetweenHostAndPlcsim)
 // write the PLC never saw.
 TEST(ReliabilityFaults, PeerClosingIdleConnectionsCostsNoRequest)
 {
-    if (!kPlcsim)
-        GTEST_SKIP() << "plcsim is not part of this build";
+    REQUIRE_PLCSIM();
     reliability::Watchdog watchdog(std::chrono::seconds(120), "idle close run");
     PlcsimProcess sim(kPlcsim, {"--static"});
     std::string error;

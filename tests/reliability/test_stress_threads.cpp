@@ -16,6 +16,7 @@
 #include "e2e_util.h"
 #include "modbus_client.h"
 #include "plcsim_process.h"
+#include "plcsim_required.h"
 #include "reliability_util.h"
 
 #include <gtest/gtest.h>
@@ -32,12 +33,6 @@ using plchost::DoneResult;
 using plchost::Host;
 using plchost::Tag;
 using reliability::DoneLog;
-
-#ifdef PLCSIM_PATH
-static const char *const kPlcsim = PLCSIM_PATH;
-#else
-static const char *const kPlcsim = nullptr;
-#endif
 
 namespace {
 
@@ -88,8 +83,7 @@ std::vector<uint8_t> encode(int kind, const std::vector<uint64_t> &values, Tag *
 
 TEST(ReliabilityStress, RuntimeThreadsWhileTheHostExchangesWithPlcsim)
 {
-    if (!kPlcsim)
-        GTEST_SKIP() << "plcsim is not part of this build";
+    REQUIRE_PLCSIM();
     const int scale = reliability::scale();
     const int cycles = 800 * scale; // write cycles per writer thread
     reliability::Watchdog watchdog(std::chrono::seconds(120 + 60 * scale), "stress run");

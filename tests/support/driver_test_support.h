@@ -6,7 +6,10 @@
 #include "Communication_Protocol.h"
 #include "Driver_Internal.h"
 
+#include <QByteArray>
+
 #include <cstring>
+#include <initializer_list>
 
 // Puts the global driver back into its freshly constructed state and hands
 // it the given record (SetComInfo applies its clamp and clears).
@@ -53,6 +56,53 @@ inline ComInfo make_com_info()
     info.write_mode = 2;
     info.host_handle = 77;
     return info;
+}
+
+// A variable record with the fields the request builders, the cycle and the
+// reply handling use.
+inline RW_VAR make_var(int kind, int start, int count, int station, int source_type = 0, int source_id = 0,
+                       int link_id = 0)
+{
+    RW_VAR v;
+    v.source_type = source_type;
+    v.source_id = source_id;
+    v.reg_kind = kind;
+    v.start_addr = start;
+    v.count = count;
+    v.station = station;
+    v.link_id = link_id;
+    return v;
+}
+
+// The same, carrying bytes to write.
+inline RW_VAR make_var(int kind, int start, int count, int station, const QByteArray &data)
+{
+    RW_VAR v = make_var(kind, start, count, station);
+    v.data = data;
+    return v;
+}
+
+// A write record as SetRegisterData makes it.
+inline RW_VAR make_write(int kind, int start, int count, int station, const QByteArray &data, int source_type = 0,
+                         int source_id = 0, int link_id = 0)
+{
+    RW_VAR v = make_var(kind, start, count, station, source_type, source_id, link_id);
+    v.rw_flag = 1;
+    v.data = data;
+    return v;
+}
+
+inline QByteArray bytes(std::initializer_list<int> values)
+{
+    QByteArray a;
+    for (int v : values)
+        a.append(char(v & 0xFF));
+    return a;
+}
+
+inline QByteArray hex(const char *text)
+{
+    return QByteArray::fromHex(QByteArray(text));
 }
 
 // Word of the mirror, or -1 when the entry does not exist.

@@ -12,31 +12,6 @@
 #include <cstddef>
 #include <vector>
 
-// A variable record with the fields the cycle and the reply handling use.
-inline RW_VAR make_var(int kind, int start, int count, int station, int source_type = 0, int source_id = 0,
-                       int link_id = 0)
-{
-    RW_VAR v;
-    v.source_type = source_type;
-    v.source_id = source_id;
-    v.reg_kind = kind;
-    v.start_addr = start;
-    v.count = count;
-    v.station = station;
-    v.link_id = link_id;
-    return v;
-}
-
-// A write record as SetRegisterData makes it.
-inline RW_VAR make_write(int kind, int start, int count, int station, const QByteArray &data, int source_type = 0,
-                         int source_id = 0, int link_id = 0)
-{
-    RW_VAR v = make_var(kind, start, count, station, source_type, source_id, link_id);
-    v.rw_flag = 1;
-    v.data = data;
-    return v;
-}
-
 // A reply that passes every check for the request: as long as the request
 // expects, its first two bytes echoing the request's, the rest filled with
 // fill. A request that expects no reply (reply_len 0) gets an 8-byte answer.
@@ -67,14 +42,6 @@ inline Protocol make_request(const RW_VAR &var, const QByteArray &frame, int rep
     p.data_len = data_len;
     p.var = var;
     return p;
-}
-
-inline QByteArray bytes(std::initializer_list<int> values)
-{
-    QByteArray a;
-    for (int v : values)
-        a.append(char(v & 0xFF));
-    return a;
 }
 
 // Every callback made by the driver, in order.

@@ -19,15 +19,6 @@ protected:
     ComInfo info;
 };
 
-RW_VAR make_var(int kind, int addr, int count)
-{
-    RW_VAR v;
-    v.reg_kind = kind;
-    v.start_addr = addr;
-    v.count = count;
-    return v;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------- kinds
@@ -64,13 +55,13 @@ TEST(RegisterKinds, AddressOffsets)
 
 TEST(UnitConversion, BitKindToBytes)
 {
-    RW_VAR v = make_var(0, 13, 5);
+    RW_VAR v = make_var(0, 13, 5, 0);
     Communication_Protocol::update_rw_var(&v);
     EXPECT_EQ(v.reg_kind, 0);
     EXPECT_EQ(v.start_addr, 1);
     EXPECT_EQ(v.count, 2); // bits 13..17 span bytes 1 and 2
 
-    RW_VAR c = make_var(1, 16, 8);
+    RW_VAR c = make_var(1, 16, 8, 0);
     Communication_Protocol::update_rw_var(&c);
     EXPECT_EQ(c.reg_kind, 1);
     EXPECT_EQ(c.start_addr, 2);
@@ -79,13 +70,13 @@ TEST(UnitConversion, BitKindToBytes)
 
 TEST(UnitConversion, BitInWordToWords)
 {
-    RW_VAR v = make_var(5, 35, 1);
+    RW_VAR v = make_var(5, 35, 1, 0);
     Communication_Protocol::update_rw_var(&v);
     EXPECT_EQ(v.reg_kind, 4);
     EXPECT_EQ(v.start_addr, 2);
     EXPECT_EQ(v.count, 1);
 
-    RW_VAR span = make_var(5, 15, 2); // bits 15 and 16: words 0 and 1
+    RW_VAR span = make_var(5, 15, 2, 0); // bits 15 and 16: words 0 and 1
     Communication_Protocol::update_rw_var(&span);
     EXPECT_EQ(span.start_addr, 0);
     EXPECT_EQ(span.count, 2);
@@ -93,19 +84,19 @@ TEST(UnitConversion, BitInWordToWords)
 
 TEST(UnitConversion, BytesToWords)
 {
-    RW_VAR v = make_var(6, 3, 2);
+    RW_VAR v = make_var(6, 3, 2, 0);
     Communication_Protocol::update_rw_var(&v);
     EXPECT_EQ(v.reg_kind, 2);
     EXPECT_EQ(v.start_addr, 1);
     EXPECT_EQ(v.count, 2);
 
-    RW_VAR b7 = make_var(7, 4, 2);
+    RW_VAR b7 = make_var(7, 4, 2, 0);
     Communication_Protocol::update_rw_var(&b7);
     EXPECT_EQ(b7.reg_kind, 3);
     EXPECT_EQ(b7.start_addr, 2);
     EXPECT_EQ(b7.count, 1);
 
-    RW_VAR b8 = make_var(8, 5, 1);
+    RW_VAR b8 = make_var(8, 5, 1, 0);
     Communication_Protocol::update_rw_var(&b8);
     EXPECT_EQ(b8.reg_kind, 4);
     EXPECT_EQ(b8.start_addr, 2);
@@ -114,13 +105,13 @@ TEST(UnitConversion, BytesToWords)
 
 TEST(UnitConversion, DoubleWordsDoubleTheAddressButOnlyRoundTheCount)
 {
-    RW_VAR v = make_var(10, 5, 3);
+    RW_VAR v = make_var(10, 5, 3, 0);
     Communication_Protocol::update_rw_var(&v);
     EXPECT_EQ(v.reg_kind, 3);
     EXPECT_EQ(v.start_addr, 10);
     EXPECT_EQ(v.count, 4);
 
-    RW_VAR even = make_var(9, 1, 2);
+    RW_VAR even = make_var(9, 1, 2, 0);
     Communication_Protocol::update_rw_var(&even);
     EXPECT_EQ(even.reg_kind, 2);
     EXPECT_EQ(even.start_addr, 2);
@@ -129,13 +120,13 @@ TEST(UnitConversion, DoubleWordsDoubleTheAddressButOnlyRoundTheCount)
 
 TEST(UnitConversion, QuadWordsQuadrupleTheAddressButOnlyRoundTheCount)
 {
-    RW_VAR v = make_var(13, 2, 1);
+    RW_VAR v = make_var(13, 2, 1, 0);
     Communication_Protocol::update_rw_var(&v);
     EXPECT_EQ(v.reg_kind, 3);
     EXPECT_EQ(v.start_addr, 8);
     EXPECT_EQ(v.count, 4);
 
-    RW_VAR q = make_var(14, 1, 5);
+    RW_VAR q = make_var(14, 1, 5, 0);
     Communication_Protocol::update_rw_var(&q);
     EXPECT_EQ(q.reg_kind, 4);
     EXPECT_EQ(q.start_addr, 4);
@@ -145,7 +136,7 @@ TEST(UnitConversion, QuadWordsQuadrupleTheAddressButOnlyRoundTheCount)
 TEST(UnitConversion, WordKindsAndOthersUnchanged)
 {
     for (int kind : {2, 3, 4, 15, -1, 99}) {
-        RW_VAR v = make_var(kind, 123, 7);
+        RW_VAR v = make_var(kind, 123, 7, 0);
         v.name_text = QStringLiteral("n");
         Communication_Protocol::update_rw_var(&v);
         EXPECT_EQ(v.reg_kind, kind);
@@ -293,7 +284,7 @@ TEST(Records, DestructorReleasesEverythingAndCallsNoCallback)
     auto d = std::make_unique<Communication_Protocol>();
     d->write_done_cb = count_write_done;
     d->read_done_cb = count_read_done;
-    RW_VAR v = make_var(4, 1, 1);
+    RW_VAR v = make_var(4, 1, 1, 0);
     v.data = QByteArray(100, 'x');
     d->read_list.append(v);
     d->write_list.append(v);
@@ -347,7 +338,7 @@ TEST_F(DriverObject, SetComInfoClearsTheTwoFieldsOnly)
 
 TEST_F(DriverObject, SetComInfoAgainReplacesThePointerAndResetsNothingElse)
 {
-    RW_VAR v = make_var(4, 1, 1);
+    RW_VAR v = make_var(4, 1, 1, 0);
     AddListReadVar(&v);
     AddListWriteVar(&v);
     PLC_driver.word_mirror.insert(5, 6);

@@ -10,22 +10,6 @@
 
 namespace {
 
-QByteArray hex(const char *text)
-{
-    return QByteArray::fromHex(QByteArray(text));
-}
-
-RW_VAR make_var(int kind, int start, int count, int station, const QByteArray &data = QByteArray())
-{
-    RW_VAR v;
-    v.reg_kind = kind;
-    v.start_addr = start;
-    v.count = count;
-    v.station = station;
-    v.data = data;
-    return v;
-}
-
 // Mirror key written out independently of the driver's helper.
 quint64 key(int station, int cls, quint32 address)
 {

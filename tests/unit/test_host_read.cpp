@@ -7,14 +7,6 @@
 
 namespace {
 
-QByteArray bytes(std::initializer_list<int> values)
-{
-    QByteArray out;
-    for (int v : values)
-        out.append(char(v));
-    return out;
-}
-
 void put_bit(int station, int cls, qint32 addr, uchar value)
 {
     PLC_driver.bit_mirror.insert(mirror_key(station, cls, addr), value);

@@ -8,14 +8,6 @@
 
 namespace {
 
-QByteArray bytes(std::initializer_list<int> values)
-{
-    QByteArray out;
-    for (int v : values)
-        out.append(char(v));
-    return out;
-}
-
 // Bytes 0, 1, 2, ... n-1 (mod 256).
 QByteArray ramp(int n)
 {

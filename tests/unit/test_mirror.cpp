@@ -9,25 +9,6 @@
 
 namespace {
 
-QByteArray bytes(std::initializer_list<int> values)
-{
-    QByteArray out;
-    for (int v : values)
-        out.append(char(v));
-    return out;
-}
-
-RW_VAR rec(int kind, qint32 addr, int station, int count, const QByteArray &data)
-{
-    RW_VAR v;
-    v.reg_kind = kind;
-    v.start_addr = addr;
-    v.station = station;
-    v.count = count;
-    v.data = data;
-    return v;
-}
-
 class Mirror : public ::testing::Test {
 protected:
     void SetUp() override
@@ -69,20 +50,20 @@ TEST_F(Mirror, NegativeAddressSignExtendsOverTheUpperWord)
 
 TEST_F(Mirror, WritesUseTheComposedKeys)
 {
-    RW_VAR w = rec(4, 7, 2, 1, bytes({0x34, 0x12}));
+    RW_VAR w = make_var(4, 7, 1, 2, bytes({0x34, 0x12}));
     write_data_to_local(&w);
     ASSERT_EQ(PLC_driver.word_mirror.size(), 1);
     EXPECT_EQ(PLC_driver.word_mirror.constBegin().key(), Q_UINT64_C(0x0204000000000007));
     EXPECT_EQ(PLC_driver.word_mirror.constBegin().value(), 0x1234);
 
-    RW_VAR b = rec(1, 9, 3, 1, bytes({1}));
+    RW_VAR b = make_var(1, 9, 1, 3, bytes({1}));
     write_data_to_local(&b);
     ASSERT_EQ(PLC_driver.bit_mirror.size(), 1);
     EXPECT_EQ(PLC_driver.bit_mirror.constBegin().key(), Q_UINT64_C(0x0301000000000009));
     EXPECT_EQ(PLC_driver.bit_mirror.constBegin().value(), 1);
 
     // A negative start address lands on the sign-extended key.
-    RW_VAR n = rec(3, -1, 1, 1, bytes({0xCD, 0xAB}));
+    RW_VAR n = make_var(3, -1, 1, 1, bytes({0xCD, 0xAB}));
     write_data_to_local(&n);
     EXPECT_EQ(PLC_driver.word_mirror.value(Q_UINT64_C(0xFFFFFFFFFFFFFFFF)), 0xABCD);
 }
@@ -91,7 +72,7 @@ TEST_F(Mirror, ConsecutiveElementsAddOneToTheWholeKey)
 {
     // Two words from the highest positive address: the second key carries
     // into bit 31 of the low word and leaves the upper word alone.
-    RW_VAR w = rec(4, 0x7FFFFFFF, 1, 2, bytes({1, 0, 2, 0}));
+    RW_VAR w = make_var(4, 0x7FFFFFFF, 2, 1, bytes({1, 0, 2, 0}));
     write_data_to_local(&w);
     EXPECT_EQ(PLC_driver.word_mirror.value(Q_UINT64_C(0x010400007FFFFFFF)), 1);
     EXPECT_EQ(PLC_driver.word_mirror.value(Q_UINT64_C(0x0104000080000000)), 2);
@@ -119,7 +100,7 @@ TEST_F(Mirror, AbsentEntriesReadAsZeroAndReadsNeverInsert)
 
 TEST_F(Mirror, Kind1TenBitsLeastSignificantFirst)
 {
-    RW_VAR w = rec(1, 40, 1, 10, bytes({0x05, 0x02}));
+    RW_VAR w = make_var(1, 40, 10, 1, bytes({0x05, 0x02}));
     write_data_to_local(&w);
     const int expected[10] = {1, 0, 1, 0, 0, 0, 0, 0, 0, 1};
     for (int i = 0; i < 10; ++i)
@@ -132,7 +113,7 @@ TEST_F(Mirror, Kind1TenBitsLeastSignificantFirst)
 
 TEST_F(Mirror, Kind0WritesClassZeroOnly)
 {
-    RW_VAR w = rec(0, 3, 1, 3, bytes({0x06}));
+    RW_VAR w = make_var(0, 3, 3, 1, bytes({0x06}));
     write_data_to_local(&w);
     EXPECT_EQ(bit_entry(1, 0, 3), 0);
     EXPECT_EQ(bit_entry(1, 0, 4), 1);
@@ -145,7 +126,7 @@ TEST_F(Mirror, BitWriteOverwritesAndStoresZeroOrOne)
 {
     PLC_driver.bit_mirror.insert(mirror_key(1, 1, 0), 1);
     PLC_driver.bit_mirror.insert(mirror_key(1, 1, 1), 0);
-    RW_VAR w = rec(1, 0, 1, 8, bytes({0xFE}));
+    RW_VAR w = make_var(1, 0, 8, 1, bytes({0xFE}));
     write_data_to_local(&w);
     EXPECT_EQ(bit_entry(1, 1, 0), 0);
     for (int i = 1; i < 8; ++i)
@@ -154,7 +135,7 @@ TEST_F(Mirror, BitWriteOverwritesAndStoresZeroOrOne)
 
 TEST_F(Mirror, BitCountZeroOrNegativeWritesNothing)
 {
-    RW_VAR w = rec(1, 0, 1, 0, bytes({0xFF}));
+    RW_VAR w = make_var(1, 0, 0, 1, bytes({0xFF}));
     write_data_to_local(&w);
     w.count = -8;
     write_data_to_local(&w);
@@ -165,7 +146,7 @@ TEST_F(Mirror, BitCountZeroOrNegativeWritesNothing)
 
 TEST_F(Mirror, BitsBeyondShortDataCountAsZero)
 {
-    RW_VAR w = rec(0, 100, 1, 12, bytes({0xFF}));
+    RW_VAR w = make_var(0, 100, 12, 1, bytes({0xFF}));
     write_data_to_local(&w);
     for (int i = 0; i < 8; ++i)
         EXPECT_EQ(bit_entry(1, 0, 100 + i), 1) << i;
@@ -173,7 +154,7 @@ TEST_F(Mirror, BitsBeyondShortDataCountAsZero)
         EXPECT_EQ(bit_entry(1, 0, 100 + i), 0) << i;
     EXPECT_EQ(PLC_driver.bit_mirror.size(), 12);
 
-    RW_VAR e = rec(1, 0, 1, 3, QByteArray());
+    RW_VAR e = make_var(1, 0, 3, 1, QByteArray());
     PLC_driver.bit_mirror.insert(mirror_key(1, 1, 1), 1);
     write_data_to_local(&e);
     EXPECT_EQ(bit_entry(1, 1, 0), 0);
@@ -185,7 +166,7 @@ TEST_F(Mirror, BitsBeyondShortDataCountAsZero)
 
 TEST_F(Mirror, Kind2ThreeBytesWriteTwoWords)
 {
-    RW_VAR w = rec(2, 10, 1, 1, bytes({0x11, 0x22, 0x33}));
+    RW_VAR w = make_var(2, 10, 1, 1, bytes({0x11, 0x22, 0x33}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 2, 10), 0x2211);
     EXPECT_EQ(word_entry(1, 2, 11), 0x0033);
@@ -196,7 +177,7 @@ TEST_F(Mirror, WordCountFollowsDataNotCount)
 {
     put_word(1, 3, 4, 0x5555);
     put_word(1, 3, 8, 0x6666);
-    RW_VAR w = rec(3, 5, 1, 1, bytes({1, 2, 3, 4, 5, 6}));
+    RW_VAR w = make_var(3, 5, 1, 1, bytes({1, 2, 3, 4, 5, 6}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 3, 5), 0x0201);
     EXPECT_EQ(word_entry(1, 3, 6), 0x0403);
@@ -204,7 +185,7 @@ TEST_F(Mirror, WordCountFollowsDataNotCount)
     EXPECT_EQ(word_entry(1, 3, 4), 0x5555);
     EXPECT_EQ(word_entry(1, 3, 8), 0x6666);
 
-    RW_VAR many = rec(4, 0, 1, 100, bytes({9, 0}));
+    RW_VAR many = make_var(4, 0, 100, 1, bytes({9, 0}));
     write_data_to_local(&many);
     EXPECT_EQ(word_entry(1, 4, 0), 9);
     EXPECT_EQ(word_entry(1, 4, 1), -1);
@@ -213,7 +194,7 @@ TEST_F(Mirror, WordCountFollowsDataNotCount)
 TEST_F(Mirror, WordsWithEmptyDataWriteNothing)
 {
     for (int kind : {2, 3, 4, 9, 10, 11, 12, 13, 14}) {
-        RW_VAR w = rec(kind, 0, 1, 4, QByteArray());
+        RW_VAR w = make_var(kind, 0, 4, 1, QByteArray());
         write_data_to_local(&w);
     }
     EXPECT_TRUE(PLC_driver.word_mirror.isEmpty());
@@ -224,7 +205,7 @@ TEST_F(Mirror, WordsWithEmptyDataWriteNothing)
 
 TEST_F(Mirror, Kind5BitSeventeenCreatesWordOne)
 {
-    RW_VAR w = rec(5, 17, 1, 1, bytes({0x40}));
+    RW_VAR w = make_var(5, 17, 1, 1, bytes({0x40}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 4, 1), 0x0002);
     EXPECT_EQ(PLC_driver.word_mirror.size(), 1);
@@ -235,13 +216,13 @@ TEST_F(Mirror, Kind5ClearsOneBitAndKeepsTheOthers)
     put_word(1, 4, 1, 0xFFFF);
     put_word(1, 4, 0, 0x0000);
     put_word(1, 4, 2, 0x1234);
-    RW_VAR w = rec(5, 17, 1, 5, bytes({0x00, 0x01}));
+    RW_VAR w = make_var(5, 17, 5, 1, bytes({0x00, 0x01}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 4, 1), 0xFFFD);
     EXPECT_EQ(word_entry(1, 4, 0), 0x0000);
     EXPECT_EQ(word_entry(1, 4, 2), 0x1234);
 
-    RW_VAR top = rec(5, 31, 1, 1, bytes({1}));
+    RW_VAR top = make_var(5, 31, 1, 1, bytes({1}));
     put_word(1, 4, 1, 0x0000);
     write_data_to_local(&top);
     EXPECT_EQ(word_entry(1, 4, 1), 0x8000);
@@ -250,11 +231,11 @@ TEST_F(Mirror, Kind5ClearsOneBitAndKeepsTheOthers)
 TEST_F(Mirror, Kind5EmptyDataCountsAsZero)
 {
     put_word(1, 4, 3, 0x00F0);
-    RW_VAR w = rec(5, 3 * 16 + 5, 1, 1, QByteArray());
+    RW_VAR w = make_var(5, 3 * 16 + 5, 1, 1, QByteArray());
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 4, 3), 0x00D0);
 
-    RW_VAR fresh = rec(5, 80, 1, 1, QByteArray());
+    RW_VAR fresh = make_var(5, 80, 1, 1, QByteArray());
     write_data_to_local(&fresh);
     EXPECT_EQ(word_entry(1, 4, 5), 0x0000); // created with value 0
 }
@@ -264,12 +245,12 @@ TEST_F(Mirror, Kind5EmptyDataCountsAsZero)
 TEST_F(Mirror, Kind8ByteReplacesHighOrLowByte)
 {
     put_word(1, 4, 2, 0x1234);
-    RW_VAR odd = rec(8, 5, 1, 1, bytes({0xAB}));
+    RW_VAR odd = make_var(8, 5, 1, 1, bytes({0xAB}));
     write_data_to_local(&odd);
     EXPECT_EQ(word_entry(1, 4, 2), 0xAB34);
 
     put_word(1, 4, 2, 0x1234);
-    RW_VAR even = rec(8, 4, 1, 1, bytes({0xAB}));
+    RW_VAR even = make_var(8, 4, 1, 1, bytes({0xAB}));
     write_data_to_local(&even);
     EXPECT_EQ(word_entry(1, 4, 2), 0x12AB);
     EXPECT_EQ(PLC_driver.word_mirror.size(), 1);
@@ -277,13 +258,13 @@ TEST_F(Mirror, Kind8ByteReplacesHighOrLowByte)
 
 TEST_F(Mirror, ByteKindsUseTheirClassAndIgnoreCountAndExtraBytes)
 {
-    RW_VAR w6 = rec(6, 3, 1, 9, bytes({0x7F, 0x11, 0x22}));
+    RW_VAR w6 = make_var(6, 3, 9, 1, bytes({0x7F, 0x11, 0x22}));
     write_data_to_local(&w6);
     EXPECT_EQ(word_entry(1, 2, 1), 0x7F00); // absent word created as 0 first
     EXPECT_EQ(word_entry(1, 2, 2), -1);
 
     put_word(1, 3, 1, 0xFFFF);
-    RW_VAR w7 = rec(7, 2, 1, 1, QByteArray()); // empty data is the byte 0
+    RW_VAR w7 = make_var(7, 2, 1, 1, QByteArray()); // empty data is the byte 0
     write_data_to_local(&w7);
     EXPECT_EQ(word_entry(1, 3, 1), 0xFF00);
     EXPECT_EQ(PLC_driver.word_mirror.size(), 2);
@@ -293,7 +274,7 @@ TEST_F(Mirror, ByteKindsUseTheirClassAndIgnoreCountAndExtraBytes)
 
 TEST_F(Mirror, Kind11AtDoubleWordTen)
 {
-    RW_VAR w = rec(11, 10, 1, 2, bytes({0x01, 0x02, 0x03, 0x04}));
+    RW_VAR w = make_var(11, 10, 2, 1, bytes({0x01, 0x02, 0x03, 0x04}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 4, 20), 0x0201);
     EXPECT_EQ(word_entry(1, 4, 21), 0x0403);
@@ -305,7 +286,7 @@ TEST_F(Mirror, Kind11AtDoubleWordTen)
 
 TEST_F(Mirror, DoubleWordsSeveralElementsAndPartialTail)
 {
-    RW_VAR w = rec(9, 1, 1, 2, bytes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    RW_VAR w = make_var(9, 1, 2, 1, bytes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 2, 2), 0x0201);
     EXPECT_EQ(word_entry(1, 2, 3), 0x0403);
@@ -315,7 +296,7 @@ TEST_F(Mirror, DoubleWordsSeveralElementsAndPartialTail)
     EXPECT_EQ(word_entry(1, 2, 7), 0x0000); // the partial element's missing bytes
     EXPECT_EQ(PLC_driver.word_mirror.size(), 6);
 
-    RW_VAR one = rec(10, 0, 1, 2, bytes({0xEE}));
+    RW_VAR one = make_var(10, 0, 2, 1, bytes({0xEE}));
     write_data_to_local(&one);
     EXPECT_EQ(word_entry(1, 3, 0), 0x00EE);
     EXPECT_EQ(word_entry(1, 3, 1), 0x0000);
@@ -323,7 +304,7 @@ TEST_F(Mirror, DoubleWordsSeveralElementsAndPartialTail)
 
 TEST_F(Mirror, QuadWordsAndPartialTail)
 {
-    RW_VAR w = rec(13, 2, 1, 4, bytes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    RW_VAR w = make_var(13, 2, 4, 1, bytes({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     write_data_to_local(&w);
     EXPECT_EQ(word_entry(1, 3, 8), 0x0201);
     EXPECT_EQ(word_entry(1, 3, 9), 0x0403);
@@ -336,12 +317,12 @@ TEST_F(Mirror, QuadWordsAndPartialTail)
     EXPECT_EQ(word_entry(1, 3, 7), -1);
     EXPECT_EQ(word_entry(1, 3, 16), -1);
 
-    RW_VAR q12 = rec(12, 0, 1, 4, bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0x80}));
+    RW_VAR q12 = make_var(12, 0, 4, 1, bytes({0xFF, 0xFF, 0, 0, 0, 0, 0, 0x80}));
     write_data_to_local(&q12);
     EXPECT_EQ(word_entry(1, 2, 0), 0xFFFF);
     EXPECT_EQ(word_entry(1, 2, 3), 0x8000);
 
-    RW_VAR q14 = rec(14, 1, 1, 4, bytes({1, 0, 2, 0, 3, 0, 4, 0}));
+    RW_VAR q14 = make_var(14, 1, 4, 1, bytes({1, 0, 2, 0, 3, 0, 4, 0}));
     write_data_to_local(&q14);
     for (int j = 0; j < 4; ++j)
         EXPECT_EQ(word_entry(1, 4, 4 + j), j + 1);
@@ -351,10 +332,10 @@ TEST_F(Mirror, QuadWordsAndPartialTail)
 
 TEST_F(Mirror, StationsAndClassesAreSeparate)
 {
-    RW_VAR s1 = rec(4, 10, 1, 1, bytes({0x01, 0x00}));
-    RW_VAR s2 = rec(4, 10, 2, 1, bytes({0x02, 0x00}));
-    RW_VAR c3 = rec(3, 10, 1, 1, bytes({0x03, 0x00}));
-    RW_VAR c2 = rec(2, 10, 1, 1, bytes({0x04, 0x00}));
+    RW_VAR s1 = make_var(4, 10, 1, 1, bytes({0x01, 0x00}));
+    RW_VAR s2 = make_var(4, 10, 1, 2, bytes({0x02, 0x00}));
+    RW_VAR c3 = make_var(3, 10, 1, 1, bytes({0x03, 0x00}));
+    RW_VAR c2 = make_var(2, 10, 1, 1, bytes({0x04, 0x00}));
     write_data_to_local(&s1);
     write_data_to_local(&s2);
     write_data_to_local(&c3);
@@ -365,9 +346,9 @@ TEST_F(Mirror, StationsAndClassesAreSeparate)
     EXPECT_EQ(word_entry(1, 3, 10), 3);
     EXPECT_EQ(word_entry(1, 2, 10), 4);
 
-    RW_VAR b0 = rec(0, 10, 1, 1, bytes({1}));
-    RW_VAR b1 = rec(1, 10, 1, 1, bytes({0}));
-    RW_VAR b1s = rec(1, 10, 2, 1, bytes({1}));
+    RW_VAR b0 = make_var(0, 10, 1, 1, bytes({1}));
+    RW_VAR b1 = make_var(1, 10, 1, 1, bytes({0}));
+    RW_VAR b1s = make_var(1, 10, 1, 2, bytes({1}));
     write_data_to_local(&b0);
     write_data_to_local(&b1);
     write_data_to_local(&b1s);
@@ -382,7 +363,7 @@ TEST_F(Mirror, KindsOutsideTheTableChangeNothing)
     put_word(1, 4, 0, 0x1111);
     PLC_driver.bit_mirror.insert(mirror_key(1, 1, 0), 1);
     for (int kind : {15, -1, 16, 100, INT_MIN, INT_MAX}) {
-        RW_VAR w = rec(kind, 0, 1, 8, bytes({0, 0, 0, 0, 0, 0, 0, 0}));
+        RW_VAR w = make_var(kind, 0, 8, 1, bytes({0, 0, 0, 0, 0, 0, 0, 0}));
         write_data_to_local(&w);
     }
     EXPECT_EQ(PLC_driver.word_mirror.size(), 1);
@@ -394,7 +375,7 @@ TEST_F(Mirror, KindsOutsideTheTableChangeNothing)
 TEST_F(Mirror, TheRecordIsNotChanged)
 {
     for (int kind = 0; kind <= 14; ++kind) {
-        RW_VAR w = rec(kind, 21, 3, 5, bytes({1, 2, 3}));
+        RW_VAR w = make_var(kind, 21, 5, 3, bytes({1, 2, 3}));
         w.source_type = 4;
         w.source_id = 8;
         w.name_text = "name";

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "driver_test_support.h"
+#include "read_list_reference.h"
 #include "record_expectations.h"
 
 #include <climits>
@@ -537,28 +538,10 @@ TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
 
         // The plain procedure.
         PLC_driver.read_list.clear();
-        std::map<int, std::map<int, QList<RW_VAR>>> groups;
-        for (const HostReadVar &h : hosts) {
-            const int addr = StringAddressToInt(h.reg_kind, h.address_text);
-            if (addr < 0)
-                continue;
-            RW_VAR r;
-            r.source_id = -1;
-            r.link_mode = info_.link_mode;
-            r.link_id = info_.local_link_id;
-            r.name_text = h.name_text;
-            r.address_text = h.address_text;
-            r.station = info_.station_from_address == 0 ? info_.default_station : h.station;
-            r.start_addr = addr;
-            r.count = h.count;
-            r.reg_kind = h.reg_kind;
-            Communication_Protocol::update_rw_var(&r);
-            groups[r.station][r.reg_kind].append(r);
-        }
         const int n = info_.max_read_units;
-        for (auto &station : groups) {
-            for (auto &kind : station.second) {
-                QList<RW_VAR> group = kind.second;
+        for (const auto &station : group_descriptors(hosts, info_)) {
+            for (const auto &kind : station.second) {
+                QList<RW_VAR> group(kind.second.begin(), kind.second.end());
                 Bubble_Sort(&group);
                 BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
             }

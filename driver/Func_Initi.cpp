@@ -573,10 +573,11 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         std::vector<TextBlocks> &text_blocks = buf.text_blocks;
         text_blocks.resize(size_t(host_count));
         for (int i = 0; i < host_count; ++i) {
+            // A step of this pass is short: it asks further ahead.
+            if (i + 4 * kPrefetchAhead < host_count)
+                __builtin_prefetch(&descriptors->at(i + 4 * kPrefetchAhead));
             if (i + 2 * kPrefetchAhead < host_count)
-                __builtin_prefetch(&descriptors->at(i + 2 * kPrefetchAhead));
-            if (i + kPrefetchAhead < host_count)
-                __builtin_prefetch(text_block(descriptors->at(i + kPrefetchAhead).address_text));
+                __builtin_prefetch(text_block(descriptors->at(i + 2 * kPrefetchAhead).address_text));
             const HostReadVar &h = descriptors->at(i);
             text_blocks[size_t(i)] = {text_block(h.name_text), text_block(h.address_text)};
             const int addr = StringAddressToInt(h.reg_kind, h.address_text);

@@ -218,6 +218,40 @@ namespace {
 // request) and knows how to make a request from record i. The same code so
 // serves BitVarReCreat (records straight into read_list) and
 // ReCreatReadVarList (a compact index of the runtime's descriptors).
+// Record i of a group (start A, count C) merged with a limit of at least 2:
+// it opens a request, grows the current one, or falls inside it. S and L
+// follow the current request.
+template <typename Sink>
+inline void merge_step(int i, qint64 A, qint64 C, qint64 limit, qint64 &S, qint64 &L, Sink &sink)
+{
+    // A merge needs a request to extend; with none (an empty list after a
+    // count-0 first record) the record opens its own.
+    if (i == 0 || A >= S + limit || sink.empty()) {
+        // New request: the record in pieces of at most limit units.
+        for (qint64 start = A, left = C; left > 0;) {
+            const qint64 piece = std::min<qint64>(left, limit);
+            sink.append_record(i, qint32(start), qint32(piece));
+            start += piece;
+            left -= piece;
+        }
+    } else if (A + C > S + L) {
+        // Merge: the current request grows to reach A + C; what lies beyond
+        // limit goes as copies of the current request.
+        const qint64 E = A + C - S; // length needed from the request's start
+        sink.set_last_count(qint32(std::min<qint64>(E, limit)));
+        for (qint64 start = S + limit, left = E - limit; left > 0;) {
+            const qint64 piece = std::min<qint64>(left, limit);
+            sink.append_copy_of_last(qint32(start), qint32(piece));
+            start += piece;
+            left -= piece;
+        }
+    }
+    if (!sink.empty()) {
+        S = sink.last_start();
+        L = sink.last_count();
+    }
+}
+
 template <typename AddrAt, typename CountAt, typename Sink>
 void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, Sink &sink)
 {
@@ -249,35 +283,8 @@ void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, Si
     // the list), in 64 bits so that sums near the top of the range do not
     // overflow.
     qint64 S = 0, L = 0;
-    for (int i = 0; i < size; ++i) {
-        const qint64 A = addr_at(i), C = count_at(i);
-        // A merge needs a request to extend; with none (an empty list after
-        // a count-0 first record) the record opens its own.
-        if (i == 0 || A >= S + limit || sink.empty()) {
-            // New request: the record in pieces of at most limit units.
-            for (qint64 start = A, left = C; left > 0;) {
-                const qint64 piece = std::min<qint64>(left, limit);
-                sink.append_record(i, qint32(start), qint32(piece));
-                start += piece;
-                left -= piece;
-            }
-        } else if (A + C > S + L) {
-            // Merge: the current request grows to reach A + C; what lies
-            // beyond limit goes as copies of the current request.
-            const qint64 E = A + C - S; // length needed from the request's start
-            sink.set_last_count(qint32(std::min<qint64>(E, limit)));
-            for (qint64 start = S + limit, left = E - limit; left > 0;) {
-                const qint64 piece = std::min<qint64>(left, limit);
-                sink.append_copy_of_last(qint32(start), qint32(piece));
-                start += piece;
-                left -= piece;
-            }
-        }
-        if (!sink.empty()) {
-            S = sink.last_start();
-            L = sink.last_count();
-        }
-    }
+    for (int i = 0; i < size; ++i)
+        merge_step(i, addr_at(i), count_at(i), limit, S, L, sink);
 }
 
 // BitVarReCreat's sink: copies of the group's records, appended to read_list.
@@ -367,6 +374,11 @@ inline qint32 read_item_start(quint64 key)
 {
     return qint32(quint32(key) ^ 0x80000000u);
 }
+// The key of the item's group: station and kind, without the address.
+inline quint64 group_part(quint64 key)
+{
+    return key & ~quint64(0xFFFFFFFFu);
+}
 
 // Stable ascending sort of the items by key: equal keys keep the runtime's
 // order. Least-significant-digit radix sort over the six key bytes, each
@@ -412,6 +424,13 @@ void sort_read_items(std::vector<ReadItem> &items, std::vector<ReadItem> &scratc
 // (station and kind, as in the item key), its start and count, and the
 // descriptor whose record it is a copy of.
 struct PlannedRequest {
+    // Left unset: the planner sizes its list ahead and writes every entry
+    // it keeps, so filling the room with zeros first would be wasted.
+    PlannedRequest() {}
+    PlannedRequest(quint64 group_key_, qint32 start_addr_, qint32 count_, qint32 index_)
+        : group_key(group_key_), start_addr(start_addr_), count(count_), index(index_)
+    {
+    }
     quint64 group_key; // the item key without the address
     qint32 start_addr;
     qint32 count;
@@ -494,7 +513,7 @@ public:
     void set_last_count(qint32 count) { out_.back().count = count; }
     void append_record(int i, qint32 start, qint32 count)
     {
-        out_.push_back({group_[i].key & ~quint64(0xFFFFFFFFu), start, count, group_[i].index});
+        out_.push_back(PlannedRequest(group_part(group_[i].key), start, count, group_[i].index));
     }
     void append_copy_of_last(qint32 start, qint32 count)
     {
@@ -508,6 +527,58 @@ private:
     std::vector<PlannedRequest> &out_;
     const ReadItem *group_ = nullptr;
 };
+
+// Plans one group of sorted items into plan, with the result of merge_group
+// and PlanSink. Whether a record opens a request or extends the current one
+// follows the addresses, which a branch predictor cannot guess; so the
+// common case (a record that fits in one request and, extending one, stays
+// within the limit) is done without branching on it: the current request
+// lives in registers and is written to its slot on every step. The rest
+// (a group's first record, counts below 1 or past the limit, splits, the
+// limit-1 path) takes the general code.
+void plan_group(const ReadItem *g, int size, int block_limit, std::vector<PlannedRequest> &plan)
+{
+    PlanSink sink(plan);
+    sink.set_group(g);
+    const int limit = block_limit < 1 ? 1 : block_limit;
+    if (limit == 1) {
+        merge_group(
+            size, limit, [g](int i) { return read_item_start(g[i].key); }, [g](int i) { return g[i].count; }, sink);
+        return;
+    }
+    // Room for one more request per record: a fast step adds at most one.
+    size_t used = plan.size();
+    plan.resize(used + size_t(size));
+    PlannedRequest *slots = plan.data();
+    quint64 group_key = 0;
+    qint32 index = 0;
+    qint64 S = 0, L = 0;
+    for (int i = 0; i < size; ++i) {
+        const qint64 A = read_item_start(g[i].key);
+        const qint64 C = g[i].count;
+        const bool open = A >= S + limit;
+        const qint64 E = A + C - S;
+        if (i == 0 || used == 0 || C < 1 || C > limit || (!open && E > limit)) {
+            plan.resize(used);
+            merge_step(i, A, C, limit, S, L, sink);
+            used = plan.size();
+            if (used > 0) {
+                group_key = plan.back().group_key;
+                index = plan.back().index;
+            }
+            plan.resize(used + size_t(size - i - 1));
+            slots = plan.data();
+            continue;
+        }
+        used += open ? 1 : 0;
+        group_key = open ? group_part(g[i].key) : group_key;
+        index = open ? g[i].index : index;
+        L = open ? C : std::max(L, E);
+        S = open ? A : S;
+        slots[used - 1] = PlannedRequest(group_key, qint32(S), qint32(L), index);
+    }
+    plan.resize(used);
+}
 } // namespace
 
 void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
@@ -600,17 +671,13 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
 
         // Merge and split each group into planned requests.
         std::vector<PlannedRequest> &plan = buf.plan;
-        PlanSink sink(plan);
         for (size_t first = 0; first < items.size();) {
             const quint64 group_key = items[first].key >> 32;
             size_t end = first + 1;
             while (end < items.size() && (items[end].key >> 32) == group_key)
                 ++end;
             const ReadItem *g = items.data() + first;
-            sink.set_group(g);
-            merge_group(
-                int(end - first), BlockLimitForKind(read_item_kind(g->key), n),
-                [g](int i) { return read_item_start(g[i].key); }, [g](int i) { return g[i].count; }, sink);
+            plan_group(g, int(end - first), BlockLimitForKind(read_item_kind(g->key), n), plan);
             first = end;
         }
 

@@ -380,12 +380,34 @@ inline quint64 group_part(quint64 key)
     return key & ~quint64(0xFFFFFFFFu);
 }
 
+// Which bits of the items' keys differ: the OR and the AND of every key,
+// gathered while the items are made.
+struct KeyBits {
+    quint64 key_or = 0;
+    quint64 key_and = ~quint64(0);
+    void add(quint64 key)
+    {
+        key_or |= key;
+        key_and &= key;
+    }
+};
+
 // Stable ascending sort of the items by key: equal keys keep the runtime's
-// order. Least-significant-digit radix sort over the six key bytes, each
-// pass a stable counting sort; passes in which every item has the same
-// byte are skipped. Linear in the number of items, where a comparison sort
-// would add a logarithmic factor. Short lists take std::stable_sort.
-void sort_read_items(std::vector<ReadItem> &items, std::vector<ReadItem> &scratch)
+// order. Short lists take std::stable_sort; longer ones a least-significant-
+// digit radix sort, each pass a stable counting sort, linear in the number
+// of items where a comparison sort would add a logarithmic factor.
+//
+// Only bits that differ between items take part: in each field of the key
+// the bits above the highest one that differs are the same in every item.
+// The address's low bits are cut into as few digits as fit 11 bits each
+// (evenly: 18 bits make two passes of 9, not three of 8 with a last one of
+// 2), then the station's and kind's low bits, joined, make the group's
+// digits. Wider digits scatter into more places at once, which costs
+// little up to 11 bits; a pass saved is a whole read and write of the list.
+// bits must hold the OR and AND of exactly these items' keys; counts is
+// room for the digit counts.
+void sort_read_items(std::vector<ReadItem> &items, std::vector<ReadItem> &scratch, const KeyBits &bits,
+                     std::vector<quint32> &counts)
 {
     const size_t n = items.size();
     if (n < 256) {
@@ -393,27 +415,84 @@ void sort_read_items(std::vector<ReadItem> &items, std::vector<ReadItem> &scratc
                          [](const ReadItem &a, const ReadItem &b) { return a.key < b.key; });
         return;
     }
-    const int kBytes = 6;
-    std::vector<size_t> counts(kBytes * 256, 0);
-    for (const ReadItem &it : items)
-        for (int b = 0; b < kBytes; ++b)
-            ++counts[size_t(b) * 256 + ((it.key >> (8 * b)) & 0xFFu)];
+    const auto width = [](quint64 mask) {
+        int w = 0;
+        while (w < 64 && (mask >> w) != 0)
+            ++w;
+        return w;
+    };
+    const quint64 varying = bits.key_or ^ bits.key_and;
+    const int a_bits = width(varying & 0xFFFFFFFFu);
+    const int k_bits = width((varying >> 32) & 0xFFu);
+    const int s_bits = width((varying >> 40) & 0xFFu);
+    const quint64 k_mask = (quint64(1) << k_bits) - 1;
+    const quint64 s_mask = (quint64(1) << s_bits) - 1;
+    // The group's differing bits, station above kind.
+    const auto group_of = [=](quint64 key) { return (((key >> 40) & s_mask) << k_bits) | ((key >> 32) & k_mask); };
+
+    struct Pass {
+        int shift;
+        int width;
+        bool group;
+    };
+    Pass passes[8];
+    int pass_count = 0;
+    const auto add_passes = [&](int field_bits, bool group) {
+        if (field_bits == 0)
+            return;
+        const int count = (field_bits + 10) / 11;
+        const int w = (field_bits + count - 1) / count;
+        for (int p = 0; p < count; ++p)
+            passes[pass_count++] = {p * w, w, group};
+    };
+    add_passes(a_bits, false);
+    add_passes(k_bits + s_bits, true);
+    if (pass_count == 0)
+        return; // every key is the same: the runtime's order stands
+
+    // Every pass's counts in one read of the items.
+    size_t offset_of[8];
+    size_t total = 0;
+    for (int p = 0; p < pass_count; ++p) {
+        offset_of[p] = total;
+        total += size_t(1) << passes[p].width;
+    }
+    counts.assign(total, 0);
+    quint32 *const c0 = counts.data();
+    for (const ReadItem &it : items) {
+        const quint64 g = group_of(it.key);
+        for (int p = 0; p < pass_count; ++p) {
+            const quint64 m = (quint64(1) << passes[p].width) - 1;
+            const quint64 v = passes[p].group ? g : it.key;
+            ++c0[offset_of[p] + size_t((v >> passes[p].shift) & m)];
+        }
+    }
 
     scratch.resize(n);
     ReadItem *src = items.data();
     ReadItem *dst = scratch.data();
-    for (int b = 0; b < kBytes; ++b) {
-        size_t *c = counts.data() + size_t(b) * 256;
-        if (c[(src[0].key >> (8 * b)) & 0xFFu] == n)
-            continue; // every item has this byte: the pass would not move anything
-        size_t offset = 0;
-        for (int v = 0; v < 256; ++v) {
-            const size_t k = c[v];
+    for (int p = 0; p < pass_count; ++p) {
+        const Pass pass = passes[p];
+        const size_t buckets = size_t(1) << pass.width;
+        const quint64 m = buckets - 1;
+        quint32 *const c = c0 + offset_of[p];
+        const quint64 first = ((pass.group ? group_of(src[0].key) : src[0].key) >> pass.shift) & m;
+        if (c[first] == n)
+            continue; // every item has this digit: the pass would not move anything
+        quint32 offset = 0;
+        for (size_t v = 0; v < buckets; ++v) {
+            const quint32 k = c[v];
             c[v] = offset;
             offset += k;
         }
-        for (size_t i = 0; i < n; ++i)
-            dst[c[(src[i].key >> (8 * b)) & 0xFFu]++] = src[i];
+        const int shift = pass.shift;
+        if (pass.group) {
+            for (size_t i = 0; i < n; ++i)
+                dst[c[(group_of(src[i].key) >> shift) & m]++] = src[i];
+        } else {
+            for (size_t i = 0; i < n; ++i)
+                dst[c[(src[i].key >> shift) & m]++] = src[i];
+        }
         std::swap(src, dst);
     }
     if (src != items.data())
@@ -468,6 +547,7 @@ struct PlannedTexts {
 struct RebuildBuffers {
     std::vector<ReadItem> items;
     std::vector<ReadItem> scratch;
+    std::vector<quint32> digit_counts;
     std::vector<PlannedRequest> plan;
     std::vector<TextBlocks> text_blocks; // their texts' shared blocks, by position
     std::vector<int> pending;            // records still waiting for their texts
@@ -643,6 +723,7 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         items.reserve(size_t(host_count));
         std::vector<TextBlocks> &text_blocks = buf.text_blocks;
         text_blocks.resize(size_t(host_count));
+        KeyBits key_bits;
         for (int i = 0; i < host_count; ++i) {
             // A step of this pass is short: it asks further ahead.
             if (i + 4 * kPrefetchAhead < host_count)
@@ -659,15 +740,16 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
             work.count = h.count;
             work.reg_kind = h.reg_kind;
             Communication_Protocol::update_rw_var(&work);
-            items.push_back(
-                {read_item_key(own_station ? work.station : 0, work.reg_kind, work.start_addr), work.count, i});
+            const quint64 key = read_item_key(own_station ? work.station : 0, work.reg_kind, work.start_addr);
+            items.push_back({key, work.count, i});
+            key_bits.add(key);
         }
 
         // Groups by station, then kind, both ascending; inside a group by
         // address, equal addresses in the runtime's order. This is the order
         // of grouping into per-station, per-kind lists in the runtime's order
         // and sorting each with Bubble_Sort, done as one stable sort.
-        sort_read_items(items, buf.scratch);
+        sort_read_items(items, buf.scratch, key_bits, buf.digit_counts);
 
         // Merge and split each group into planned requests.
         std::vector<PlannedRequest> &plan = buf.plan;

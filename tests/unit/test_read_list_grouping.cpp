@@ -51,6 +51,46 @@ protected:
 
     int rebuild(QList<HostReadVar> hosts) { return ReCreatReadVarList(&hosts); }
 
+    // Rebuilds from hosts and compares every field of every entry with the
+    // plain procedure: group the records per station and kind in the
+    // runtime's order, order each group with Bubble_Sort and merge it with
+    // BitVarReCreat.
+    void expect_rebuild_matches_plain_procedure(const QList<HostReadVar> &hosts, const std::string &label)
+    {
+        PLC_driver.read_list.clear();
+        const int n = info_.max_read_units;
+        for (const auto &station : group_descriptors(hosts, info_)) {
+            for (const auto &kind : station.second) {
+                QList<RW_VAR> group(kind.second.begin(), kind.second.end());
+                Bubble_Sort(&group);
+                BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
+            }
+        }
+        const QList<RW_VAR> want = PLC_driver.read_list;
+
+        ASSERT_EQ(rebuild(hosts), want.size()) << label;
+        const QList<RW_VAR> &got = PLC_driver.read_list;
+        for (int i = 0; i < got.size(); ++i) {
+            const RW_VAR &g = got.at(i);
+            const RW_VAR &w = want.at(i);
+            const std::string where = label + " entry " + std::to_string(i);
+            ASSERT_EQ(g.name_text, w.name_text) << where;
+            ASSERT_EQ(g.address_text, w.address_text) << where;
+            ASSERT_EQ(g.station, w.station) << where;
+            ASSERT_EQ(g.reg_kind, w.reg_kind) << where;
+            ASSERT_EQ(g.start_addr, w.start_addr) << where;
+            ASSERT_EQ(g.count, w.count) << where;
+            ASSERT_EQ(g.source_type, w.source_type) << where;
+            ASSERT_EQ(g.source_id, w.source_id) << where;
+            ASSERT_EQ(g.link_mode, w.link_mode) << where;
+            ASSERT_EQ(g.link_id, w.link_id) << where;
+            ASSERT_EQ(g.rw_flag, 0) << where;
+            ASSERT_EQ(g.status, 0) << where;
+            ASSERT_EQ(g.ext_param1, 0) << where;
+            ASSERT_EQ(g.ext_param2, 0) << where;
+        }
+    }
+
     // Checks the whole read_list, entry by entry, including the fields the
     // rebuild sets on every record.
     void expect_read_list(const std::vector<Entry> &expected)
@@ -536,39 +576,62 @@ TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
             hosts.append(host(kind, int(rng() % 3) * 7, text.constData(), count, QByteArray::number(k).constData()));
         }
 
-        // The plain procedure.
-        PLC_driver.read_list.clear();
-        const int n = info_.max_read_units;
-        for (const auto &station : group_descriptors(hosts, info_)) {
-            for (const auto &kind : station.second) {
-                QList<RW_VAR> group(kind.second.begin(), kind.second.end());
-                Bubble_Sort(&group);
-                BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
-            }
-        }
-        const QList<RW_VAR> want = PLC_driver.read_list;
+        expect_rebuild_matches_plain_procedure(hosts, "round " + std::to_string(round));
+    }
+}
 
-        ASSERT_EQ(rebuild(hosts), want.size()) << "round " << round;
-        const QList<RW_VAR> &got = PLC_driver.read_list;
-        for (int i = 0; i < got.size(); ++i) {
-            const RW_VAR &g = got.at(i);
-            const RW_VAR &w = want.at(i);
-            const std::string where = "round " + std::to_string(round) + " entry " + std::to_string(i);
-            ASSERT_EQ(g.name_text, w.name_text) << where;
-            ASSERT_EQ(g.address_text, w.address_text) << where;
-            ASSERT_EQ(g.station, w.station) << where;
-            ASSERT_EQ(g.reg_kind, w.reg_kind) << where;
-            ASSERT_EQ(g.start_addr, w.start_addr) << where;
-            ASSERT_EQ(g.count, w.count) << where;
-            ASSERT_EQ(g.source_type, w.source_type) << where;
-            ASSERT_EQ(g.source_id, w.source_id) << where;
-            ASSERT_EQ(g.link_mode, w.link_mode) << where;
-            ASSERT_EQ(g.link_id, w.link_id) << where;
-            ASSERT_EQ(g.rw_flag, 0) << where;
-            ASSERT_EQ(g.status, 0) << where;
-            ASSERT_EQ(g.ext_param1, 0) << where;
-            ASSERT_EQ(g.ext_param2, 0) << where;
+// The same on lists whose keys stretch the sort: addresses up to the top of
+// the 32-bit range, addresses that differ only in high bits, every station
+// and kind code (a wide group part), all keys the same, and sizes around the
+// point where the sort changes method.
+TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroupOnExtremeKeys)
+{
+    std::mt19937 rng(777u);
+    for (int round = 0; round < 30; ++round) {
+        info_.max_read_units = round % 3 == 0 ? 1 : round % 3 == 1 ? 9 : 120;
+        info_.station_from_address = round % 2;
+        info_.default_station = 3;
+        const int size = round % 5 == 0 ? 255 + int(rng() % 3) : 256 + int(rng() % 1500);
+        const int shape = round % 6;
+        QList<HostReadVar> hosts;
+        for (int k = 0; k < size; ++k) {
+            int kind = 3;
+            int station = 1;
+            qint64 address = 0;
+            switch (shape) {
+            case 0: // anywhere in the 32-bit range, word kinds (9..11 double the address)
+                kind = 2 + int(rng() % 10);
+                address = qint64(rng() % 2147483648u);
+                break;
+            case 1: // a few values far apart: only high bits differ
+                kind = int(rng() % 2) ? 3 : 4;
+                address = qint64(1 + rng() % 4) << 27;
+                break;
+            case 2: // every station and kind code
+                kind = int(rng() % 256);
+                station = int(rng() % 256);
+                address = qint64(rng() % 5000);
+                break;
+            case 3: // one key for all
+                address = 4242;
+                break;
+            case 4: // bit kinds at addresses near the top of the range
+                kind = int(rng() % 2) ? 0 : 5;
+                address = 268435000 + qint64(rng() % 455);
+                break;
+            default: // a dense run over a wide group part and many addresses
+                kind = int(rng() % 15);
+                station = int(rng() % 64);
+                address = qint64(rng() % 400000);
+                break;
+            }
+            const bool bit_kind = kind == 0 || kind == 1 || kind == 5;
+            const QByteArray text = bit_kind ? QByteArray::number(address) + '.' + QByteArray::number(int(rng() % 8))
+                                             : QByteArray::number(address);
+            const int count = int(rng() % 200) - 2;
+            hosts.append(host(kind, station, text.constData(), count, QByteArray::number(k).constData()));
         }
+        expect_rebuild_matches_plain_procedure(hosts, "round " + std::to_string(round));
     }
 }
 

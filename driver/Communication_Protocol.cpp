@@ -278,18 +278,23 @@ int length_outcome(int length, int no_reply_outcome, int length_error_outcome)
     return 0;
 }
 
+// The reply to judge: a missing one is judged as an empty one, none, which
+// the caller keeps on its stack. (Not a thread_local: an object with a
+// destructor in thread storage keeps the library from being unloaded by
+// dlclose while the thread lives.)
+QByteArray *reply_or(QByteArray *reply, QByteArray *none)
+{
+    return reply ? reply : none;
+}
+
 } // namespace
 
 int DealDataOfLocalArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
         return GetDriverReturnValue(2);
-    // A missing reply is judged as an empty one. (No thread_local here: an
-    // object with a destructor in thread storage keeps the library from
-    // being unloaded by dlclose while the thread lives.)
     QByteArray none;
-    if (!reply)
-        reply = &none;
+    reply = reply_or(reply, &none);
     if (const int outcome = length_outcome(length, 2, 3))
         return GetDriverReturnValue(outcome);
 
@@ -316,12 +321,8 @@ int DealDataOfRemoteArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
         return GetDriverReturnValue(6);
-    // A missing reply is judged as an empty one. (No thread_local here: an
-    // object with a destructor in thread storage keeps the library from
-    // being unloaded by dlclose while the thread lives.)
     QByteArray none;
-    if (!reply)
-        reply = &none;
+    reply = reply_or(reply, &none);
     if (const int outcome = length_outcome(length, 6, 7))
         return GetDriverReturnValue(outcome);
 

@@ -202,9 +202,9 @@ extern "C" int AddListOnceReadVar(RW_VAR *var, int flag)
 
 void Bubble_Sort(QList<RW_VAR> *list)
 {
-    // The order of the specified exchange sort (ascending, equal addresses
-    // keep their order) is exactly that of a stable sort, which does it in
-    // n log n instead of n squared.
+    // The order of the exchange sort this function stands for (ascending,
+    // equal addresses keep their order) is exactly that of a stable sort,
+    // which does it in n log n instead of n squared.
     if (!list || list->size() < 2)
         return;
     std::stable_sort(list->begin(), list->end(),
@@ -212,12 +212,6 @@ void Bubble_Sort(QList<RW_VAR> *list)
 }
 
 namespace {
-// Merges and splits one group, already in address order. addr_at(i) and
-// count_at(i) give record i's start_addr and count; the requests go to a
-// sink, which holds the list being built (its last entry is the current
-// request) and knows how to make a request from record i. The same code so
-// serves BitVarReCreat (records straight into read_list) and
-// ReCreatReadVarList (a compact index of the runtime's descriptors).
 // Record i of a group (start A, count C) merged with a limit of at least 2:
 // it opens a request, grows the current one, or falls inside it. S and L
 // follow the current request.
@@ -252,6 +246,12 @@ inline void merge_step(int i, qint64 A, qint64 C, qint64 limit, qint64 &S, qint6
     }
 }
 
+// Merges and splits one group, already in address order. addr_at(i) and
+// count_at(i) give record i's start_addr and count; the requests go to a
+// sink, which holds the list being built (its last entry is the current
+// request) and knows how to make a request from record i. The same code so
+// serves BitVarReCreat (records straight into read_list) and
+// ReCreatReadVarList (a compact index of the runtime's descriptors).
 template <typename AddrAt, typename CountAt, typename Sink>
 void merge_group(int size, int block_limit, AddrAt addr_at, CountAt count_at, Sink &sink)
 {
@@ -659,6 +659,64 @@ void plan_group(const ReadItem *g, int size, int block_limit, std::vector<Planne
     }
     plan.resize(used);
 }
+
+// Gives the records noted in buf.pending the texts of their descriptors,
+// taken in the runtime's order: a request list is in address order, and
+// copying texts in that order would visit the runtime's descriptors (and
+// the share counts of their strings) at random, which for large lists
+// costs more than all the rest. slot_of[i] first holds the plan position of
+// the last noted record made from descriptor i (-1: none), then the
+// descriptor's entry in texts. Each text is copied once and moved into its
+// last record.
+void give_pending_texts(const QList<HostReadVar> &descriptors, QList<RW_VAR>::iterator records,
+                        const std::vector<PlannedRequest> &plan, RebuildBuffers &buf)
+{
+    const int host_count = descriptors.size();
+    const std::vector<TextBlocks> &text_blocks = buf.text_blocks;
+    const std::vector<int> &pending = buf.pending;
+    std::vector<int> &slot_of = buf.slot_of;
+    slot_of.assign(size_t(host_count), -1);
+    for (const int k : pending)
+        slot_of[size_t(plan[size_t(k)].index)] = k;
+    std::vector<PlannedTexts> &texts = buf.texts;
+    for (int i = 0; i < host_count; ++i) {
+        if (i + kPrefetchAhead / 2 < host_count && slot_of[size_t(i + kPrefetchAhead / 2)] >= 0) {
+            const TextBlocks &ahead = text_blocks[size_t(i + kPrefetchAhead / 2)];
+            __builtin_prefetch(ahead.name_text, 1);
+            __builtin_prefetch(ahead.address_text, 1);
+        }
+        const int last_use = slot_of[size_t(i)];
+        if (last_use < 0)
+            continue;
+        const HostReadVar &h = descriptors.at(i);
+        slot_of[size_t(i)] = int(texts.size());
+        texts.push_back({h.name_text, h.address_text, last_use});
+    }
+    const size_t count = pending.size();
+    for (size_t j = 0; j < count; ++j) {
+        // Ahead: the texts entry of a coming record, and the share
+        // counts of the texts it gives up.
+        if (j + kPrefetchAhead < count)
+            __builtin_prefetch(&texts[size_t(slot_of[size_t(plan[size_t(pending[j + kPrefetchAhead])].index)])]);
+        if (j + kPrefetchAhead / 2 < count) {
+            const RW_VAR &ahead = records[pending[j + kPrefetchAhead / 2]];
+            __builtin_prefetch(text_block(ahead.name_text), 1);
+            __builtin_prefetch(text_block(ahead.address_text), 1);
+        }
+        const int k = pending[j];
+        RW_VAR &r = records[k];
+        PlannedTexts &t = texts[size_t(slot_of[size_t(plan[size_t(k)].index)])];
+        if (t.last_use == k) {
+            r.name_text = std::exchange(t.name_text, QString());
+            r.address_text = std::exchange(t.address_text, QString());
+        } else {
+            r.name_text = t.name_text;
+            r.address_text = t.address_text;
+        }
+    }
+    texts.clear();
+}
+
 } // namespace
 
 void BitVarReCreat(QList<RW_VAR> *group, int block_limit)
@@ -754,9 +812,9 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // Merge and split each group into planned requests.
         std::vector<PlannedRequest> &plan = buf.plan;
         for (size_t first = 0; first < items.size();) {
-            const quint64 group_key = items[first].key >> 32;
+            const quint64 group = group_part(items[first].key);
             size_t end = first + 1;
-            while (end < items.size() && (items[end].key >> 32) == group_key)
+            while (end < items.size() && group_part(items[end].key) == group)
                 ++end;
             const ReadItem *g = items.data() + first;
             plan_group(g, int(end - first), BlockLimitForKind(read_item_kind(g->key), n), plan);
@@ -799,58 +857,9 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
                 pending.push_back(k);
         }
 
-        // The texts the noted records need, taken in the runtime's order: a
-        // request list is in address order, and copying texts in that order
-        // would visit the runtime's descriptors (and the share counts of
-        // their strings) at random, which for large lists costs more than
-        // all the rest. slot_of[i] first holds the plan position of the last
-        // noted record made from descriptor i (-1: none), then the
-        // descriptor's entry in texts. Each text is copied once here and
-        // moved into its last record below.
-        if (!pending.empty()) {
-            std::vector<int> &slot_of = buf.slot_of;
-            slot_of.assign(size_t(host_count), -1);
-            for (const int k : pending)
-                slot_of[size_t(plan[size_t(k)].index)] = k;
-            std::vector<PlannedTexts> &texts = buf.texts;
-            for (int i = 0; i < host_count; ++i) {
-                if (i + kPrefetchAhead / 2 < host_count && slot_of[size_t(i + kPrefetchAhead / 2)] >= 0) {
-                    const TextBlocks &ahead = text_blocks[size_t(i + kPrefetchAhead / 2)];
-                    __builtin_prefetch(ahead.name_text, 1);
-                    __builtin_prefetch(ahead.address_text, 1);
-                }
-                const int last_use = slot_of[size_t(i)];
-                if (last_use < 0)
-                    continue;
-                const HostReadVar &h = descriptors->at(i);
-                slot_of[size_t(i)] = int(texts.size());
-                texts.push_back({h.name_text, h.address_text, last_use});
-            }
-            const size_t count = pending.size();
-            for (size_t j = 0; j < count; ++j) {
-                // Ahead: the texts entry of a coming record, and the share
-                // counts of the texts it gives up.
-                if (j + kPrefetchAhead < count)
-                    __builtin_prefetch(
-                        &texts[size_t(slot_of[size_t(plan[size_t(pending[j + kPrefetchAhead])].index)])]);
-                if (j + kPrefetchAhead / 2 < count) {
-                    const RW_VAR &ahead = records[pending[j + kPrefetchAhead / 2]];
-                    __builtin_prefetch(text_block(ahead.name_text), 1);
-                    __builtin_prefetch(text_block(ahead.address_text), 1);
-                }
-                const int k = pending[j];
-                RW_VAR &r = records[k];
-                PlannedTexts &t = texts[size_t(slot_of[size_t(plan[size_t(k)].index)])];
-                if (t.last_use == k) {
-                    r.name_text = std::exchange(t.name_text, QString());
-                    r.address_text = std::exchange(t.address_text, QString());
-                } else {
-                    r.name_text = t.name_text;
-                    r.address_text = t.address_text;
-                }
-            }
-            texts.clear();
-        }
+        // Then the texts of the noted records.
+        if (!pending.empty())
+            give_pending_texts(*descriptors, records, plan, buf);
     }
     return locked_size(d.read_list);
 }

@@ -283,13 +283,7 @@ int Host::set_tags(const std::vector<Tag> &tags, std::string *error)
     std::unique_lock<std::mutex> lock(mutex_);
     pending_tags_ = tags;
     pending_tags_set_ = true;
-    if (!running_) {
-        lock.unlock();
-        apply_tags_locked();
-    } else {
-        kicked_ = true;
-        wake_cv_.notify_all();
-    }
+    apply_pending(lock);
     return accepted;
 }
 
@@ -299,6 +293,15 @@ bool Host::add_read_block(int kind, int start, int count, int station)
         return false;
     std::unique_lock<std::mutex> lock(mutex_);
     pending_blocks_.push_back({kind, start, count, station});
+    apply_pending(lock);
+    return true;
+}
+
+// With lock (on mutex_) held and tags or blocks just made pending: applies
+// them now when the communication thread is not running, otherwise wakes the
+// thread, which applies them before its next pass.
+void Host::apply_pending(std::unique_lock<std::mutex> &lock)
+{
     if (!running_) {
         lock.unlock();
         apply_tags_locked();
@@ -306,7 +309,6 @@ bool Host::add_read_block(int kind, int start, int count, int station)
         kicked_ = true;
         wake_cv_.notify_all();
     }
-    return true;
 }
 
 // Builds the driver's cyclic list from the pending tags and appends the

@@ -204,6 +204,7 @@ private:
     void run();
     bool exchange_once();
     void apply_tags_locked();
+    void apply_pending(std::unique_lock<std::mutex> &lock);
     int route(int station) const;
     bool ensure_connected(size_t index);
     bool try_connect(size_t index, std::string *error);

@@ -332,11 +332,5 @@ int main(int argc, char **argv)
             .end_object();
     }
     j.end_array();
-    j.value("ok", all_ok);
-    j.end_object();
-    if (!out.empty() && !j.write(out)) {
-        std::fprintf(stderr, "bench_loopback_scaling: cannot write %s\n", out.c_str());
-        return 1;
-    }
-    return all_ok ? 0 : 1;
+    return finish_report(j, all_ok, out, "bench_loopback_scaling");
 }

@@ -180,6 +180,21 @@ private:
     bool need_comma_ = false;
 };
 
+// Closes a benchmark's report (its top-level object, after the list of
+// runs), with "ok" set to all_ok, and writes it to out unless out is empty.
+// Returns the program's exit status: 1 when the report cannot be written or
+// a run failed, else 0.
+inline int finish_report(Json &j, bool all_ok, const std::string &out, const char *program)
+{
+    j.value("ok", all_ok);
+    j.end_object();
+    if (!out.empty() && !j.write(out)) {
+        std::fprintf(stderr, "%s: cannot write %s\n", program, out.c_str());
+        return 1;
+    }
+    return all_ok ? 0 : 1;
+}
+
 } // namespace loopback
 
 #endif

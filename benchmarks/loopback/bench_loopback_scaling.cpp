@@ -104,7 +104,8 @@ std::vector<plchost::Tag> make_tags(int n, int stations)
     return tags;
 }
 
-struct Run {
+// One run: a host window (HostWindow) and how it was set up.
+struct Run : HostWindow {
     int round = 0;
     int tags = 0;
     int stations = 0;
@@ -112,12 +113,6 @@ struct Run {
     long long registers_per_pass = 0;
     double set_tags_s = 0;
     double first_pass_s = 0;
-    double seconds = 0;
-    unsigned long long requests = 0;
-    unsigned long long failed = 0;
-    unsigned long long passes = 0;
-    CpuTimes cpu;
-    double sim_cpu = -1;
     long long mirror_entries = 0;
     long long mirror_bytes = 0;
     std::string error;
@@ -191,22 +186,7 @@ void run_one(int n, int stations, int port, pid_t sim, double seconds, Run *r)
             return;
         }
         r->first_pass_s = seconds_since(t_start);
-        const plchost::Stats s0 = host.stats();
-        const CpuTimes cpu0 = process_cpu();
-        const double sim0 = other_process_cpu(sim);
-        const auto t0 = Clock::now();
-        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-        const plchost::Stats s1 = host.stats();
-        const CpuTimes cpu1 = process_cpu();
-        const double sim1 = other_process_cpu(sim);
-        r->seconds = seconds_since(t0);
-        host.stop();
-        r->requests = s1.good_replies - s0.good_replies;
-        r->failed = s1.failed_replies - s0.failed_replies;
-        r->passes = s1.passes - s0.passes;
-        r->cpu.user = cpu1.user - cpu0.user;
-        r->cpu.system = cpu1.system - cpu0.system;
-        r->sim_cpu = sim0 >= 0 && sim1 >= 0 ? sim1 - sim0 : -1;
+        static_cast<HostWindow &>(*r) = measure_host(host, sim, seconds);
     }
     // The host is gone and its thread joined: only the mirror is left.
     r->mirror_entries = PLC_driver.word_mirror.size() + PLC_driver.bit_mirror.size();

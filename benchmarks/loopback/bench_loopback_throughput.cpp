@@ -61,16 +61,13 @@ uint8_t pattern_bit(int i)
     return uint8_t(i % 3 == 0);
 }
 
-struct Window {
+// One measured window of a client; the host fills the HostWindow part with
+// measure_host, the libmodbus loop fills it itself.
+struct Window : HostWindow {
     int round = 0;
     const Case *c = nullptr;
     std::string client; // "host" or "libmodbus"
     int position = 0;   // 0: first of the pair in this round, 1: second
-    unsigned long long requests = 0;
-    unsigned long long failed = 0;
-    double seconds = 0;
-    CpuTimes cpu;
-    double sim_cpu = -1;
     bool values_ok = false;
     std::string error;
 };
@@ -140,21 +137,7 @@ void run_host(const Case &c, int port, pid_t sim, double seconds, double warmup,
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    const plchost::Stats s0 = host.stats();
-    const CpuTimes cpu0 = process_cpu();
-    const double sim0 = other_process_cpu(sim);
-    const auto t0 = Clock::now();
-    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const plchost::Stats s1 = host.stats();
-    const CpuTimes cpu1 = process_cpu();
-    const double sim1 = other_process_cpu(sim);
-    w->seconds = seconds_since(t0);
-    host.stop();
-    w->requests = s1.good_replies - s0.good_replies;
-    w->failed = s1.failed_replies - s0.failed_replies;
-    w->cpu.user = cpu1.user - cpu0.user;
-    w->cpu.system = cpu1.system - cpu0.system;
-    w->sim_cpu = sim0 >= 0 && sim1 >= 0 ? sim1 - sim0 : -1;
+    static_cast<HostWindow &>(*w) = measure_host(host, sim, seconds);
     std::vector<uint8_t> bytes;
     w->values_ok = host.read(tag, &bytes) && values_match(c, plchost::decode_values(c.kind, c.count, bytes));
 }

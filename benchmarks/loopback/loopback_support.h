@@ -15,6 +15,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace loopback {
@@ -94,6 +95,42 @@ inline std::vector<int> int_list(const std::string &text)
         if (!item.empty())
             out.push_back(std::atoi(item.c_str()));
     return out;
+}
+
+// What a running host did over one measured window: good and failed
+// replies and full passes from its statistics, the CPU time of this process
+// and of the simulator (-1 when it cannot be read).
+struct HostWindow {
+    double seconds = 0;
+    unsigned long long requests = 0;
+    unsigned long long failed = 0;
+    unsigned long long passes = 0;
+    CpuTimes cpu;
+    double sim_cpu = -1;
+};
+
+// Lets the running host work for `seconds`, then stops it, and returns
+// what it did in that time; sim is the simulator's process.
+template <typename Host> HostWindow measure_host(Host &host, pid_t sim, double seconds)
+{
+    const auto s0 = host.stats();
+    const CpuTimes cpu0 = process_cpu();
+    const double sim0 = other_process_cpu(sim);
+    const auto t0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const auto s1 = host.stats();
+    const CpuTimes cpu1 = process_cpu();
+    const double sim1 = other_process_cpu(sim);
+    HostWindow w;
+    w.seconds = seconds_since(t0);
+    host.stop();
+    w.requests = s1.good_replies - s0.good_replies;
+    w.failed = s1.failed_replies - s0.failed_replies;
+    w.passes = s1.passes - s0.passes;
+    w.cpu.user = cpu1.user - cpu0.user;
+    w.cpu.system = cpu1.system - cpu0.system;
+    w.sim_cpu = sim0 >= 0 && sim1 >= 0 ? sim1 - sim0 : -1;
+    return w;
 }
 
 // A minimal JSON writer: objects and arrays of numbers, strings and booleans,

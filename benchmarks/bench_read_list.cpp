@@ -30,41 +30,14 @@
 // alone add once a list no longer fits in them.
 #include <benchmark/benchmark.h>
 
+#include "benchmark_read_lists.h"
 #include "driver_test_support.h"
 
 #include <map>
-#include <random>
 #include <utility>
 #include <vector>
 
 namespace {
-
-QString address_text(int kind, int address)
-{
-    // Bit kinds take "byte.bit"; the others one decimal number.
-    if (kind == 0 || kind == 1 || kind == 5)
-        return QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
-    return QString::number(address);
-}
-
-QList<HostReadVar> make_descriptors(int n, bool spread, unsigned variant)
-{
-    std::mt19937 rng(12345u + unsigned(n) + 7919u * variant);
-    std::uniform_int_distribution<int> address(0, 2 * n);
-    std::uniform_int_distribution<int> count(1, 8);
-    QList<HostReadVar> list;
-    list.reserve(n);
-    for (int i = 0; i < n; ++i) {
-        HostReadVar h;
-        h.reg_kind = quint8(spread ? i % 15 : 3);
-        h.station = quint8(spread ? 1 + (i / 15) % 16 : 1);
-        h.address_text = address_text(h.reg_kind, address(rng));
-        h.name_text = QStringLiteral("var") + QString::number(i);
-        h.count = count(rng);
-        list.append(h);
-    }
-    return list;
-}
 
 const int kFreshLists = 8;
 const int kSizes[] = {100, 1000, 10000, 100000};
@@ -82,7 +55,7 @@ void make_all_descriptors()
     for (const bool spread : {false, true})
         for (const int n : kSizes)
             for (int k = 0; k < kFreshLists; ++k)
-                all_descriptors()[{n, spread}].push_back(make_descriptors(n, spread, unsigned(k)));
+                all_descriptors()[{n, spread}].push_back(make_benchmark_descriptors(n, spread, unsigned(k)));
 }
 
 // The first `lists` lists of n descriptors of one shape.

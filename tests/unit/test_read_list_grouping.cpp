@@ -4,6 +4,7 @@
 // stand-alone splitting helper.
 #include <gtest/gtest.h>
 
+#include "benchmark_read_lists.h"
 #include "driver_test_support.h"
 #include "read_list_reference.h"
 #include "record_expectations.h"
@@ -632,6 +633,18 @@ TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroupOnExtremeKeys)
             hosts.append(host(kind, station, text.constData(), count, QByteArray::number(k).constData()));
         }
         expect_rebuild_matches_plain_procedure(hosts, "round " + std::to_string(round));
+    }
+}
+
+// The lists the benchmark rebuilds, at its largest size: what it times is
+// the right list.
+TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroupOnTheBenchmarkLists)
+{
+    info_.max_read_units = 100;
+    for (const bool spread : {false, true}) {
+        info_.station_from_address = spread ? 1 : 0;
+        expect_rebuild_matches_plain_procedure(make_benchmark_descriptors(100000, spread, 0),
+                                               spread ? "spread" : "one group");
     }
 }
 

@@ -45,6 +45,16 @@ def fmt(x, digits=3):
     return f"{x:,.{decimals}f}"
 
 
+def step_growth(rows):
+    """rows: (n, value) in ascending n. The value's growth from each n to the next,
+    as (n before, n, ratio); steps from a value of 0 or below are left out."""
+    return [(rows[k - 1][0], n, v / rows[k - 1][1]) for k, (n, v) in enumerate(rows) if k > 0 and rows[k - 1][1] > 0]
+
+
+def growth_text(steps):
+    return ", ".join(f"{a:,} → {b:,}: {g:.1f}x" for a, b, g in steps)
+
+
 def fit_power(xs, ys):
     """Least-squares fit of log y = log a + b log x; returns (a, b)."""
     lx = [math.log(x) for x in xs]
@@ -545,12 +555,11 @@ def main():
             a, b = fit_power(xs, ys)
             lin = fit_shape(xs, ys, lambda x: x)
             nlogn = fit_shape(xs, ys, lambda x: x * math.log(x))
-            growth = [(pts[k - 1][0], n, m / pts[k - 1][1][0]) for k, (n, (m, _, _)) in enumerate(pts) if k > 0]
+            growth = step_growth([(n, m) for n, (m, _, _) in pts])
             # The same from the fastest repetition of each size: the other
             # load on the machine can only add time, so the fastest is the
             # least disturbed, and its growth moves less from run to run.
-            growth_fastest = [(pts[k - 1][0], n, lo / pts[k - 1][1][1]) for k, (n, (_, lo, _)) in enumerate(pts)
-                              if k > 0 and pts[k - 1][1][1] > 0]
+            growth_fastest = step_growth([(n, lo) for n, (_, lo, _) in pts])
             fits[v] = {"slope": b, "rms_linear": lin, "rms_nlogn": nlogn, "growth": growth,
                        "growth_fastest": growth_fastest}
             plots.append(([(n, m, lo, hi) for n, (m, lo, hi) in pts],
@@ -561,9 +570,7 @@ def main():
             w(f"- {v}: log-log slope {f['slope']:.2f} ({growth_words(f['slope'])}); of the one-parameter "
               f"shapes c·n and c·n·log n, {better} fits the points better (rms log residual "
               f"{f['rms_linear']:.3f} for c·n, {f['rms_nlogn']:.3f} for c·n·log n); time growth "
-              + ", ".join(f"{a:,} → {b:,}: {g:.1f}x" for a, b, g in f["growth"])
-              + "; of the fastest repetitions "
-              + ", ".join(f"{a:,} → {b:,}: {g:.1f}x" for a, b, g in f["growth_fastest"]) + ".")
+              f"{growth_text(f['growth'])}; of the fastest repetitions {growth_text(f['growth_fastest'])}.")
         w("")
         # What the rebuild costs above the floor, and how that grows: the
         # part of the time that is the rebuild's own work rather than the
@@ -574,14 +581,12 @@ def main():
             if v.startswith("Touching") or floor_name not in series:
                 continue
             floor = {n: m for n, (m, _, _) in series[floor_name]}
-            rows = [(n, m - floor[n]) for n, (m, _, _) in pts if n in floor]
-            above[v] = [(rows[k - 1][0], n, d / rows[k - 1][1]) for k, (n, d) in enumerate(rows)
-                        if k > 0 and rows[k - 1][1] > 0]
+            above[v] = step_growth([(n, m - floor[n]) for n, (m, _, _) in pts if n in floor])
         if above:
             w("Above the floor (rebuild time minus TouchingDescriptorsOnly of the same list policy), time growth:")
             w("")
             for v, g in above.items():
-                w(f"- {v}: " + ", ".join(f"{a:,} → {b:,}: {x:.1f}x" for a, b, x in g) + ".")
+                w(f"- {v}: {growth_text(g)}.")
             w("")
         summary["read_list"] = {"series": {v: [(n, s) for n, s in pts] for v, pts in series.items()}, "fits": fits,
                                 "growth_above_floor": above}

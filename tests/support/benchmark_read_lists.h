@@ -14,8 +14,9 @@
 
 #include <random>
 
-// Bit kinds take "byte.bit"; the others one decimal number.
-inline QString benchmark_address_text(int kind, int address)
+// The address text of an address in the unit of the runtime's kind: bit
+// kinds take "byte.bit", the others one decimal number.
+inline QString address_text_for(int kind, int address)
 {
     if (kind == 0 || kind == 1 || kind == 5)
         return QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
@@ -33,7 +34,7 @@ inline QList<HostReadVar> make_benchmark_descriptors(int n, bool spread, unsigne
         HostReadVar h;
         h.reg_kind = quint8(spread ? i % 15 : 3);
         h.station = quint8(spread ? 1 + (i / 15) % 16 : 1);
-        h.address_text = benchmark_address_text(h.reg_kind, address(rng));
+        h.address_text = address_text_for(h.reg_kind, address(rng));
         h.name_text = QStringLiteral("var") + QString::number(i);
         h.count = count(rng);
         list.append(h);

@@ -142,8 +142,7 @@ QList<HostReadVar> random_hosts(std::mt19937 &rng, int n)
     for (int i = 0; i < n; ++i) {
         const int k = kind(rng);
         const int a = address(rng);
-        QString text = (k == 0 || k == 1 || k == 5) ? QString::number(a / 8) + QLatin1Char('.') + QString::number(a % 8)
-                                                    : QString::number(a);
+        QString text = address_text_for(k, a);
         if (odd(rng) == 0)
             text = QStringLiteral("x") + text;
         HostReadVar h = host(k, station(rng), "", count(rng), "");

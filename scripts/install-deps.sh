@@ -7,7 +7,9 @@ set -euo pipefail
 declare -A GROUPS_PKGS=(
   [build]="cmake make g++ pkg-config qtbase5-dev"
   [test]="libgtest-dev libgmock-dev libbenchmark-dev"
-  [modbus]="libmodbus-dev python3-pymodbus mbpoll"
+  # python3-pymodbus imports serial and serial_asyncio in its server code but
+  # only recommends them, and recommends are not installed here.
+  [modbus]="libmodbus-dev python3-pymodbus python3-serial python3-serial-asyncio mbpoll"
   [fuzz]="clang libclang-rt-14-dev llvm"
   # Instruction counts of the benchmarks (valgrind --tool=callgrind).
   [profile]="valgrind"

@@ -87,6 +87,13 @@ int run(const plcsim::Options &options)
 
     try {
         plcsim::Stations stations(options.stations);
+        if (options.fill == plcsim::Fill::Address) {
+            for (modbus_mapping_t *m : stations.all()) {
+                plcsim::fill_with_addresses(m);
+                if (!options.freeze)
+                    plcsim::set_moving_values(m, 0);
+            }
+        }
         plcsim::Server server(options, stations, log);
         if (!server.start(error))
             return runtime_error(error);
@@ -104,7 +111,8 @@ int run(const plcsim::Options &options)
         for (int id : stations.ids())
             units += (units.empty() ? "" : ",") + std::to_string(id);
         log.traffic("serving unit(s) " + (units.empty() ? std::string("none") : units) +
-                    (options.freeze ? ", static" : ""));
+                    (options.freeze ? ", static" : "") +
+                    (options.fill == plcsim::Fill::Address ? ", filled with addresses" : ""));
 
         server.run(g_wake_pipe[0]);
         log.traffic("stopping on signal");

@@ -49,6 +49,25 @@ std::vector<modbus_mapping_t *> Stations::all() const
     return out;
 }
 
+uint8_t address_parity(int address)
+{
+    unsigned v = static_cast<unsigned>(address) & 0xFFFF;
+    uint8_t parity = 0;
+    for (; v; v &= v - 1)
+        parity ^= 1;
+    return parity;
+}
+
+void fill_with_addresses(modbus_mapping_t *map)
+{
+    for (int a = 0; a < kTableSize; ++a) {
+        map->tab_registers[a] = static_cast<uint16_t>(a);
+        map->tab_input_registers[a] = static_cast<uint16_t>(a);
+        map->tab_bits[a] = address_parity(a);
+        map->tab_input_bits[a] = address_parity(a);
+    }
+}
+
 void set_moving_values(modbus_mapping_t *map, uint64_t ticks)
 {
     uint16_t *ir = map->tab_input_registers;

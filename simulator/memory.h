@@ -46,6 +46,12 @@ private:
     std::map<int, modbus_mapping_t *> maps_;
 };
 
+// Fills every table with a pattern that tells an address from its value:
+// each register holds its own table address, each bit the parity of the
+// number of ones in its address.
+void fill_with_addresses(modbus_mapping_t *map);
+uint8_t address_parity(int address);
+
 // Writes the moving values as they stand after `ticks` ticks into one mapping.
 // All of them are a function of the tick count alone, so a client can check
 // one snapshot for consistency.

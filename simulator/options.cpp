@@ -118,7 +118,7 @@ ParseResult parse_options(int argc, const char *const *argv, Options &out)
             continue;
         }
         bool known = name == "--address" || name == "--port" || name == "--remote-port" || name == "--stations" ||
-                     name == "--log" || name == "--port-file";
+                     name == "--log" || name == "--port-file" || name == "--fill";
         if (!known)
             return fail("unknown option '" + name + "' (see --help)");
         if (!has_inline_value) {
@@ -143,6 +143,13 @@ ParseResult parse_options(int argc, const char *const *argv, Options &out)
             if (value.empty())
                 return fail("option --log needs a file name or -");
             o.log_path = value;
+        } else if (name == "--fill") {
+            if (value == "zero")
+                o.fill = Fill::Zero;
+            else if (value == "address")
+                o.fill = Fill::Address;
+            else
+                return fail("bad fill '" + value + "': expected zero or address");
         } else if (name == "--port-file") {
             if (value.empty())
                 return fail("option --port-file needs a file name");
@@ -158,7 +165,7 @@ ParseResult parse_options(int argc, const char *const *argv, Options &out)
 std::string usage_text()
 {
     return "Usage: plcsim [--address ADDR] [--port PORT] [--remote-port PORT] [--stations LIST]\n"
-           "              [--log FILE] [--static] [--port-file FILE] [--help]\n"
+           "              [--log FILE] [--static] [--fill zero|address] [--port-file FILE] [--help]\n"
            "\n"
            "A PLC simulator for plcdriver: serves Modbus TCP and the driver's remote frame.\n"
            "\n"
@@ -170,6 +177,9 @@ std::string usage_text()
            "  --log FILE          log every request and response in hex with a timestamp\n"
            "                      (appended to FILE; - for stderr)\n"
            "  --static            keep the moving values still (for exact comparisons)\n"
+           "  --fill zero|address memory at start: zeros (default), or every register holding its\n"
+           "                      own table address and every bit the parity of its address\n"
+           "                      (with --static the moving values leave that pattern alone)\n"
            "  --port-file FILE    after listening, write \"modbus=PORT\" and \"remote=PORT\" lines to FILE\n"
            "  --help              show this text\n"
            "\n"

@@ -7,6 +7,11 @@
 
 namespace plcsim {
 
+// What the memory holds at start (--fill): zeros, or in every register its own
+// table address and in every bit the parity of its address, so a reader can
+// tell from a value where it was read.
+enum class Fill { Zero, Address };
+
 struct Options {
     std::string address = "127.0.0.1";
     int modbus_port = 1502;
@@ -14,6 +19,7 @@ struct Options {
     std::vector<int> stations{1}; // sorted, no duplicates
     std::string log_path;         // empty: no traffic log; "-": stderr
     bool freeze = false;          // --static
+    Fill fill = Fill::Zero;       // --fill
     std::string port_file;        // empty: none
     bool help = false;
 };

@@ -29,6 +29,7 @@ TEST(PlcsimOptions, Defaults)
     EXPECT_EQ(o.stations, std::vector<int>{1});
     EXPECT_TRUE(o.log_path.empty());
     EXPECT_FALSE(o.freeze);
+    EXPECT_EQ(o.fill, plcsim::Fill::Zero);
     EXPECT_TRUE(o.port_file.empty());
     EXPECT_FALSE(o.help);
 }
@@ -37,7 +38,7 @@ TEST(PlcsimOptions, EveryOptionInBothSpellings)
 {
     Options o;
     ASSERT_TRUE(parse({"--address", "127.0.0.2", "--port=0", "--remote-port", "2000", "--stations=3,1-2", "--log", "-",
-                       "--static", "--port-file=/tmp/x"},
+                       "--static", "--port-file=/tmp/x", "--fill", "address"},
                       o)
                     .ok);
     EXPECT_EQ(o.address, "127.0.0.2");
@@ -47,6 +48,10 @@ TEST(PlcsimOptions, EveryOptionInBothSpellings)
     EXPECT_EQ(o.log_path, "-");
     EXPECT_TRUE(o.freeze);
     EXPECT_EQ(o.port_file, "/tmp/x");
+    EXPECT_EQ(o.fill, plcsim::Fill::Address);
+    Options zero;
+    ASSERT_TRUE(parse({"--fill=zero"}, zero).ok);
+    EXPECT_EQ(zero.fill, plcsim::Fill::Zero);
 }
 
 TEST(PlcsimOptions, HelpFlag)
@@ -68,6 +73,8 @@ TEST(PlcsimOptions, RefusesBadInput)
         {"--stations", "x"},  {"--static=1"},
         {"--help=yes"},       {"--log="},
         {"--port-file="},     {"--stations"},
+        {"--fill"},           {"--fill", "pattern"},
+        {"--fill="},
     };
     for (const auto &args : bad) {
         Options o;

@@ -2,6 +2,7 @@
 // libmodbus client, remote frames through a plain socket, the command line's
 // errors and a clean stop on SIGTERM/SIGINT.
 #include "plcsim_process.h"
+#include "memory.h"
 #include "remote_frame_builder.h"
 
 #include <modbus.h>
@@ -297,6 +298,59 @@ TEST_F(PlcsimStatic, ValuesStayStill)
     ASSERT_EQ(modbus_read_input_registers(station1_.get(), 0x8000, 0x12, second), 0x12);
     EXPECT_EQ(std::vector<uint16_t>(first, first + 0x12), std::vector<uint16_t>(second, second + 0x12));
     EXPECT_EQ(first[0], 0);
+}
+
+// --fill address: every register holds its own table address and every bit
+// the parity of its address, in all four tables and on every station; with
+// --static the moving values do not overwrite the pattern.
+TEST(PlcsimFill, EveryValueTellsItsAddress)
+{
+    Sim sim({"--stations", "1,2", "--static", "--fill", "address"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    for (int unit : {1, 2}) {
+        ModbusClient c = modbus_client(sim.process().modbus_port(), unit);
+        ASSERT_TRUE(c);
+        for (int base : {0, 0x1234, 0x8000, 0xA000, 0xFFF0}) {
+            uint16_t input[16] = {0};
+            ASSERT_EQ(modbus_read_input_registers(c.get(), base, 16, input), 16);
+            const auto holding = read_holding(c.get(), base, 16);
+            uint8_t discrete[16] = {0};
+            ASSERT_EQ(modbus_read_input_bits(c.get(), base, 16, discrete), 16);
+            const auto coils = read_coils(c.get(), base, 16);
+            for (int i = 0; i < 16; ++i) {
+                const int a = base + i;
+                EXPECT_EQ(input[i], a) << "input register " << a;
+                EXPECT_EQ(holding[size_t(i)], a) << "holding register " << a;
+                EXPECT_EQ(discrete[i], plcsim::address_parity(a)) << "discrete input " << a;
+                EXPECT_EQ(coils[size_t(i)], plcsim::address_parity(a)) << "coil " << a;
+            }
+        }
+    }
+    EXPECT_EQ(plcsim::address_parity(0), 0);
+    EXPECT_EQ(plcsim::address_parity(7), 1);
+    EXPECT_EQ(plcsim::address_parity(0xA000), 0);
+    EXPECT_EQ(plcsim::address_parity(0x8001), 0);
+    EXPECT_EQ(plcsim::address_parity(0xFFFE), 1);
+    EXPECT_EQ(sim.process().stop(), 0);
+}
+
+// Without --static the moving values still move over the pattern.
+TEST(PlcsimFill, MovingValuesMoveOverThePattern)
+{
+    Sim sim({"--fill", "address"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    ModbusClient c = modbus_client(sim.process().modbus_port(), 1);
+    ASSERT_TRUE(c);
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    uint16_t ir[0x12] = {0};
+    ASSERT_EQ(modbus_read_input_registers(c.get(), 0x8000, 0x12, ir), 0x12);
+    EXPECT_GE(ir[0], 2) << "the tick counter moves";
+    EXPECT_EQ(ir[2], static_cast<uint16_t>(ir[0] * 5));
+    EXPECT_EQ(ir[5], 0x8005) << "a register that does not move keeps its address";
+    EXPECT_EQ(read_holding(c.get(), 100, 2), (std::vector<uint16_t>{100, 101}));
+    EXPECT_EQ(sim.process().stop(), 0);
 }
 
 TEST_F(PlcsimStatic, SeveralClientsAtOnce)

@@ -8,6 +8,7 @@
 // byte in this file, so a short, long or garbled reply reaches the driver
 // exactly as it arrived.
 #include "plchost.h"
+#include "reply_framing.h"
 
 #include "Communication_Protocol.h"
 
@@ -153,6 +154,15 @@ struct Host::Connection {
     bool dropped = false; // lost after having been up: the next success is a reconnect
     Clock::time_point next_attempt{};
     std::chrono::milliseconds backoff{0};
+};
+
+// How reading a reply ended.
+struct Host::Received {
+    ReadStatus status = ReadStatus::Complete;
+    // The byte stream can no longer be paired with the requests (a reply cut
+    // off, one that may still come, bytes with no frame boundary): the
+    // connection is opened afresh before the next request.
+    bool out_of_step = false;
 };
 
 // The C callbacks the driver calls from inside DataCom (communication thread,
@@ -693,95 +703,199 @@ bool Host::ensure_connected(size_t index)
     return false;
 }
 
+// Makes the connection ready for a request: connected (when the back-off
+// allows) and with nothing stale waiting on it. True when it is.
+bool Host::ready_to_send(size_t index)
+{
+    if (!ensure_connected(index))
+        return false;
+    const size_t stale = drain(index);
+    if (stale > 0 && config_.link_mode == LinkMode::Remote) {
+        // Bytes nobody asked for: the remote frame cannot tell which reply
+        // they were meant as, so the connection is not trusted any more.
+        resynchronise(index);
+    }
+    // The peer closed the idle connection (drain saw the end) or it was just
+    // closed above: the request has not gone out, so connect again at once
+    // and send it rather than fail it after a time-out.
+    if (!connections_[index]->connected.load() && ensure_connected(index))
+        drain(index);
+    return connections_[index]->connected.load();
+}
+
 // Bytes still waiting on the socket belong to an earlier request (a late or
 // over-long reply); they are thrown away so they cannot be taken for the
-// reply to the next request.
-void Host::drain(size_t index)
+// reply to the next request. Returns how many there were.
+size_t Host::drain(size_t index)
 {
     Connection &c = *connections_[index];
     uint8_t buf[512];
+    size_t drained = 0;
     for (;;) {
         const ssize_t n = ::recv(c.fd, buf, sizeof buf, MSG_DONTWAIT);
         if (n > 0) {
+            drained += size_t(n);
             std::lock_guard<std::mutex> lock(mutex_);
             stats_.stale_bytes += uint64_t(n);
             continue;
         }
         if (n == 0) { // the peer closed while idle
             close_connection(index, true);
-            return;
+            return drained;
         }
         if (errno == EINTR)
             continue;
         if (errno != EAGAIN && errno != EWOULDBLOCK)
             close_connection(index, true);
-        return;
+        return drained;
     }
 }
 
+// Closes a connection whose byte stream can no longer be paired with the
+// requests; the next request opens a new one at once. TCP never delivers
+// what the peer still sends on the old connection to the new one.
+void Host::resynchronise(size_t index)
+{
+    if (!connections_[index]->connected.load())
+        return;
+    close_connection(index, true);
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++stats_.resyncs;
+}
+
+void Host::count_foreign(uint64_t frames)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    stats_.foreign_replies += frames;
+}
+
+// Reads the reply to `request` on a Modbus TCP connection until `deadline`.
+// A frame that answers another request (a late reply, one sent twice) is
+// skipped and counted, and reading goes on for the right one; bytes behind
+// the right one that came in the same read are counted as stale.
+Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &request, size_t expected,
+                                    Clock::time_point deadline, std::vector<uint8_t> *reply)
+{
+    std::vector<uint8_t> buf;
+    Received r;
+    // The first read may take as much as the driver expects in all, so a
+    // whole reply costs one recv; the MBAP length decides where it ends.
+    size_t room = std::min(std::max(expected, kMbapHeaderSize), kModbusMaxFrame);
+    for (;;) {
+        const Scan s = scan_modbus_reply(request.data(), request.size(), buf.data(), buf.size());
+        switch (s.kind) {
+        case ReplyScan::NeedMore:
+            r.status = read_exact(c.fd, s.size - buf.size(), deadline, &buf, !buf.empty(), room);
+            room = 0;
+            if (r.status == ReadStatus::Complete)
+                continue;
+            // Cut off by the deadline or a close. What arrived is handed
+            // over when it can be the start of this request's reply (the
+            // driver fails it on its length); the rest of that frame may
+            // still come, so the connection is out of step either way.
+            if (modbus_prefix_matches(request.data(), request.size(), buf.data(), buf.size()))
+                reply->swap(buf);
+            else if (!buf.empty())
+                count_foreign(1);
+            r.out_of_step = !reply->empty() || !buf.empty();
+            return r;
+        case ReplyScan::Foreign:
+            count_foreign(1);
+            buf.erase(buf.begin(), buf.begin() + long(s.size));
+            continue;
+        case ReplyScan::Reply:
+            if (buf.size() > s.size) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                stats_.stale_bytes += uint64_t(buf.size() - s.size);
+            }
+            buf.resize(s.size);
+            reply->swap(buf);
+            return r;
+        case ReplyScan::OutOfStep:
+            // No frame boundary: a header that echoes the request is handed
+            // over with whatever else comes (up to 1024 bytes after the
+            // header) for the driver to judge; anything else is discarded.
+            if (s.ours) {
+                r.status = read_until_idle(c.fd, std::chrono::milliseconds(20), 1024 - (buf.size() - kMbapHeaderSize),
+                                           deadline, &buf);
+                reply->swap(buf);
+            } else {
+                count_foreign(1);
+            }
+            r.out_of_step = true;
+            return r;
+        }
+    }
+}
+
+// Reads the reply to a remote frame: exactly `expected` bytes. The frame has
+// no transaction number, so what makes a reply the answer to this request is
+// that nothing else can be on its way on this connection; see exchange_once().
+Host::Received Host::receive_remote(Connection &c, size_t expected, Clock::time_point deadline,
+                                    std::vector<uint8_t> *reply)
+{
+    Received r;
+    r.status = read_exact(c.fd, expected, deadline, reply);
+    if (r.status != ReadStatus::Complete) {
+        // A reply (or the rest of one) may still be on its way.
+        r.out_of_step = true;
+        return r;
+    }
+    uint8_t more = 0;
+    const bool waiting = ::recv(c.fd, &more, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
+    if (scan_remote_reply(expected, reply->size() + (waiting ? 1 : 0)).kind == ReplyScan::OutOfStep) {
+        // More than one reply's worth: which part answers this request
+        // cannot be told, so none is taken.
+        count_foreign(1);
+        reply->clear();
+        r.out_of_step = true;
+    }
+    return r;
+}
+
 // Sends one frame and reads its reply with the framing of the link mode.
-void Host::transact(size_t index, const uint8_t *frame, int frame_len, int reply_len, std::vector<uint8_t> *reply,
+// Returns true when the connection is out of step and must be opened afresh
+// before the next request.
+bool Host::transact(size_t index, const std::vector<uint8_t> &frame, int reply_len, std::vector<uint8_t> *reply,
                     bool *timed_out)
 {
     Connection &c = *connections_[index];
     *timed_out = false;
     if (trace_hook_)
-        trace_hook_(FrameDirection::Sent, int(index), frame, size_t(frame_len));
-    if (!send_all(c.fd, frame, size_t(frame_len))) {
+        trace_hook_(FrameDirection::Sent, int(index), frame.data(), frame.size());
+    if (!send_all(c.fd, frame.data(), frame.size())) {
         close_connection(index, true);
         *timed_out = reply_len != 0;
-        return;
+        return false;
     }
     if (reply_len == 0)
-        return; // a broadcast write: nobody answers
+        return false; // a broadcast write: nobody answers
 
     const auto sent_at = Clock::now();
     const auto deadline = sent_at + config_.timeout;
-    ReadStatus st;
+    Received r;
     if (config_.link_mode == LinkMode::Modbus) {
-        // MBAP header: transaction id, protocol id, length of what follows.
-        // The first read may take as much as the driver expects in all (at
-        // most one Modbus TCP frame, 260 bytes), so a whole reply costs one
-        // recv; the MBAP length still decides where the reply ends.
-        const size_t expected = reply_len > 7 && reply_len <= 260 ? size_t(reply_len) : 7;
-        st = read_exact(c.fd, 7, deadline, reply, false, expected);
-        if (st == ReadStatus::Complete) {
-            const int length = ((*reply)[4] << 8) | (*reply)[5];
-            if (length >= 2 && length <= 254) {
-                const size_t frame_size = 6 + size_t(length);
-                if (reply->size() < frame_size) {
-                    st = read_exact(c.fd, frame_size - reply->size(), deadline, reply, true);
-                } else if (reply->size() > frame_size) {
-                    // Bytes after the frame belong to no request: thrown
-                    // away and counted, as drain() does before the next one.
-                    std::lock_guard<std::mutex> lock(mutex_);
-                    stats_.stale_bytes += uint64_t(reply->size() - frame_size);
-                    reply->resize(frame_size);
-                }
-            } else {
-                // Not a Modbus header: take what else comes (up to 1024
-                // bytes after the header) and let the driver judge it.
-                st = read_until_idle(c.fd, std::chrono::milliseconds(20), 1024 - (reply->size() - 7), deadline, reply);
-            }
-        }
+        r = receive_modbus(c, frame, size_t(std::max(reply_len, 0)), deadline, reply);
     } else if (reply_len > 0) {
-        st = read_exact(c.fd, size_t(reply_len), deadline, reply);
+        r = receive_remote(c, size_t(reply_len), deadline, reply);
     } else {
-        st = read_exact(c.fd, 1, deadline, reply);
-        if (st == ReadStatus::Complete)
-            st = read_until_idle(c.fd, std::chrono::milliseconds(50), 4096, deadline, reply);
+        // A reply of no fixed length: whatever arrives until the line is quiet.
+        r.status = read_exact(c.fd, 1, deadline, reply);
+        if (r.status == ReadStatus::Complete)
+            r.status = read_until_idle(c.fd, std::chrono::milliseconds(50), 4096, deadline, reply);
     }
-    if (st == ReadStatus::Closed)
+    if (r.status == ReadStatus::Closed)
         close_connection(index, true);
     if (reply->empty()) {
         *timed_out = true;
-        return;
+        return r.out_of_step;
     }
     if (trace_hook_)
         trace_hook_(FrameDirection::Received, int(index), reply->data(), reply->size());
     const double ms = std::chrono::duration<double, std::milli>(Clock::now() - sent_at).count();
     std::lock_guard<std::mutex> lock(mutex_);
     record_rtt(ms);
+    return r.out_of_step;
 }
 
 void Host::run()
@@ -818,8 +932,8 @@ bool Host::exchange_once()
 
     // Copy what is needed: the record belongs to the driver and goes away
     // inside DataCom.
-    std::vector<uint8_t> frame(p->frame.constData(), p->frame.constData() + p->frame.size());
-    const int frame_len = std::min<int>(p->frame_len, int(frame.size()));
+    std::vector<uint8_t> frame(p->frame.constData(),
+                               p->frame.constData() + std::min<int>(std::max(p->frame_len, 0), p->frame.size()));
     const int reply_len = p->reply_len;
     ReplyEvent ev;
     ev.station = p->var.station;
@@ -829,36 +943,26 @@ bool Host::exchange_once()
     ev.write = p->var.rw_flag != 0;
 
     std::vector<uint8_t> reply;
-    reply.reserve(260);
+    reply.reserve(kModbusMaxFrame);
     bool timed_out = false;
     bool sent = false;
+    bool out_of_step = false;
     if (reply_len == 0 && ev.station == 0) {
         // Broadcast: to every endpoint that is up; no reply is awaited.
         for (size_t i = 0; i < connections_.size(); ++i) {
-            if (!ensure_connected(i))
-                continue;
-            drain(i);
-            if (!connections_[i]->connected.load())
+            if (!ready_to_send(i))
                 continue;
             bool t = false;
-            transact(i, frame.data(), frame_len, 0, &reply, &t);
+            transact(i, frame, 0, &reply, &t);
             sent = sent || !t;
         }
         timed_out = !sent;
     } else {
         const int index = route(ev.station);
         ev.endpoint = index;
-        if (ensure_connected(size_t(index))) {
-            drain(size_t(index));
-            // The peer closed the idle connection (drain saw the end): the
-            // request has not gone out, so connect again at once and send
-            // it rather than fail it after a time-out.
-            if (!connections_[size_t(index)]->connected.load() && ensure_connected(size_t(index)))
-                drain(size_t(index));
-        }
-        if (connections_[size_t(index)]->connected.load()) {
+        if (ready_to_send(size_t(index))) {
             sent = true;
-            transact(size_t(index), frame.data(), frame_len, reply_len, &reply, &timed_out);
+            out_of_step = transact(size_t(index), frame, reply_len, &reply, &timed_out);
         } else {
             // No link: the request fails like one that got no answer, after
             // the same wait, so the driver's retry and give-up logic runs.
@@ -875,6 +979,19 @@ bool Host::exchange_once()
     ev.timed_out = timed_out;
 
     const bool good = ev.status == 1 || ev.status == 100;
+    // The remote frame carries no transaction number: a reply is the answer
+    // to the request in flight only because nothing else can be on its way
+    // on the connection. That holds while every request got its whole reply
+    // before the next was sent. A request that timed out (its reply may
+    // still come) or a reply that failed the driver's checks (the stream may
+    // be out of step) breaks it, so the connection is opened afresh before
+    // the next request: the cheapest rule that is safe, since a connection
+    // on which every reply came in time and passed costs nothing. Modbus TCP
+    // needs none of this: receive_modbus() pairs by transaction identifier.
+    if (sent && reply_len != 0 && config_.link_mode == LinkMode::Remote && !good)
+        out_of_step = true;
+    if (out_of_step)
+        resynchronise(size_t(ev.endpoint));
     // The driver counts failed replies in retry_count and clears it only when
     // it gives a request up; a good reply leaves it to the host. Without a
     // reset here, failures of earlier requests would add up and a later

@@ -81,6 +81,8 @@ struct Stats {
     uint64_t reconnects = 0;     // connections re-established after a drop
     uint64_t connect_failures = 0;
     uint64_t stale_bytes = 0;       // bytes drained from a socket before a send
+    uint64_t foreign_replies = 0;   // replies discarded as answers to another request
+    uint64_t resyncs = 0;           // connections opened afresh because replies could no longer be paired
     uint64_t passes = 0;            // full passes over the cyclic list
     uint64_t write_done_ok = 0;     // write-done callbacks with result 1
     uint64_t write_done_failed = 0; // write-done callbacks with result 2
@@ -209,8 +211,16 @@ private:
     bool ensure_connected(size_t index);
     bool try_connect(size_t index, std::string *error);
     void close_connection(size_t index, bool dropped);
-    void drain(size_t index);
-    void transact(size_t index, const uint8_t *frame, int frame_len, int reply_len, std::vector<uint8_t> *reply,
+    bool ready_to_send(size_t index);
+    size_t drain(size_t index);
+    void resynchronise(size_t index);
+    void count_foreign(uint64_t frames);
+    struct Received;
+    Received receive_modbus(Connection &c, const std::vector<uint8_t> &request, size_t expected,
+                            std::chrono::steady_clock::time_point deadline, std::vector<uint8_t> *reply);
+    Received receive_remote(Connection &c, size_t expected, std::chrono::steady_clock::time_point deadline,
+                            std::vector<uint8_t> *reply);
+    bool transact(size_t index, const std::vector<uint8_t> &frame, int reply_len, std::vector<uint8_t> *reply,
                   bool *timed_out);
     bool sleep_for(std::chrono::milliseconds d, bool wake_on_kick);
     void kick();

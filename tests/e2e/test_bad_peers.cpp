@@ -1,9 +1,11 @@
 // The reference host against misbehaving Modbus TCP servers: a loopback
 // server in the test answers each request as the test tells it (garbage, an
-// exception response, a short, long or cut-off reply, a wrong transaction
-// identifier, a closed connection). The host must hand the driver exactly
-// what arrived, the driver's codes and retries must follow, and the host must
-// keep running and recover once the peer behaves again.
+// exception response, a short, long or cut-off reply, a reply to another
+// request, a reply sent twice, a closed connection). The host must hand the
+// driver exactly what arrived of the reply to the request in flight and
+// nothing that answers another request; the driver's codes and retries must
+// follow, and the host must keep running and recover once the peer behaves
+// again.
 #include "e2e_util.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +23,22 @@ using plchost::Host;
 
 namespace {
 
-enum class Mode { Good, Garbage, Exception, Short, Long, Trailing, WrongId, CutOff, CloseMidReply, Silent };
+enum class Mode {
+    Good,
+    Garbage,
+    Exception,
+    Short,
+    Long,
+    Trailing,
+    WrongId,       // the transaction identifier of another request
+    WrongUnit,     // another unit identifier
+    WrongProtocol, // a protocol identifier other than 0
+    ForeignFirst,  // a reply to an earlier request, then the right one
+    Twice,         // the right reply, sent twice in one piece
+    CutOff,
+    CloseMidReply,
+    Silent
+};
 
 // Answers read requests (functions 3 and 4) with register i = 0x0100 + i,
 // or misbehaves as `mode` says.
@@ -53,15 +70,22 @@ public:
     int answered() const { return answered_.load(); }
 
 private:
-    static std::vector<uint8_t> good_reply(const std::vector<uint8_t> &q, int registers, int id_delta = 0)
+    static std::vector<uint8_t> good_reply(const std::vector<uint8_t> &q, int registers, int id_delta = 0,
+                                           uint8_t value_high = 0x01)
     {
         const int tid = ((q[0] << 8) | q[1]) + id_delta;
         std::vector<uint8_t> r = {uint8_t(tid >> 8),     uint8_t(tid), 0, 0, 0, uint8_t(3 + 2 * registers), q[6], q[7],
                                   uint8_t(2 * registers)};
         for (int i = 0; i < registers; ++i) {
-            r.push_back(0x01);
+            r.push_back(value_high);
             r.push_back(uint8_t(i));
         }
+        return r;
+    }
+    static std::vector<uint8_t> twice(std::vector<uint8_t> r)
+    {
+        const std::vector<uint8_t> copy = r;
+        r.insert(r.end(), copy.begin(), copy.end());
         return r;
     }
 
@@ -116,6 +140,21 @@ private:
                     r.insert(r.end(), {0xEE, 0xEE, 0xEE, 0xEE});
                     break;
                 case Mode::WrongId: r = good_reply(q, regs, 1); break;
+                case Mode::WrongUnit:
+                    r = good_reply(q, regs);
+                    r[6] ^= 0x40;
+                    break;
+                case Mode::WrongProtocol:
+                    r = good_reply(q, regs);
+                    r[3] = 1;
+                    break;
+                case Mode::ForeignFirst:
+                    // Values 0x99.. in the foreign reply: taken, they would show.
+                    r = good_reply(q, regs, -1, 0x99);
+                    for (uint8_t b : good_reply(q, regs))
+                        r.push_back(b);
+                    break;
+                case Mode::Twice: r = twice(good_reply(q, regs)); break;
                 case Mode::CutOff:
                     r = good_reply(q, regs);
                     r.resize(10);
@@ -200,11 +239,18 @@ struct Rig {
 
 // Cyclic reads carry requester kind 0, so a length error is 70 + 1 and a
 // reply that does not match the request is 10 + 1.
-TEST(HostBadPeers, GarbageIsALengthError)
+// Bytes that are no reply to the request (protocol identifier not 0, no
+// usable length): nothing reaches the driver, which sees no reply, and the
+// connection, whose frames can no longer be found, is opened afresh.
+TEST(HostBadPeers, GarbageIsDiscardedAndTheConnectionRenewed)
 {
     Rig rig(Mode::Garbage);
     ASSERT_TRUE(rig.host->start(true));
-    rig.expect_given_up(71, 15);
+    rig.expect_given_up(41, 0);
+    const auto s = rig.host->stats();
+    EXPECT_GE(s.foreign_replies, 2u);
+    EXPECT_GE(s.resyncs, 2u);
+    EXPECT_TRUE(eventually([&] { return rig.peer.accepted() >= 3; })) << "a connection per garbled reply";
     rig.expect_recovery();
 }
 
@@ -232,12 +278,67 @@ TEST(HostBadPeers, LongReply)
     rig.expect_recovery();
 }
 
-TEST(HostBadPeers, WrongTransactionIdentifier)
+// A reply that answers another request is discarded; the host keeps
+// reading for the right one until the time-out, so the driver sees no reply.
+// The connection stays: its frames are still found by their headers.
+TEST(HostBadPeers, ReplyToAnotherTransactionIsDiscarded)
 {
     Rig rig(Mode::WrongId);
     ASSERT_TRUE(rig.host->start(true));
-    rig.expect_given_up(11, 13);
+    rig.expect_given_up(41, 0);
+    const auto s = rig.host->stats();
+    EXPECT_GE(s.foreign_replies, 2u);
+    EXPECT_EQ(s.resyncs, 0u);
+    EXPECT_EQ(rig.peer.accepted(), 1);
     rig.expect_recovery();
+}
+
+TEST(HostBadPeers, ReplyFromAnotherUnitIsDiscarded)
+{
+    Rig rig(Mode::WrongUnit);
+    ASSERT_TRUE(rig.host->start(true));
+    rig.expect_given_up(41, 0);
+    EXPECT_GE(rig.host->stats().foreign_replies, 2u);
+    rig.expect_recovery();
+}
+
+TEST(HostBadPeers, ReplyWithAnotherProtocolIsDiscarded)
+{
+    Rig rig(Mode::WrongProtocol);
+    ASSERT_TRUE(rig.host->start(true));
+    rig.expect_given_up(41, 0);
+    EXPECT_GE(rig.host->stats().foreign_replies, 2u);
+    rig.expect_recovery();
+}
+
+// A reply to an earlier request followed, within the time-out, by the right
+// one: the right one is taken at once, with no failure and no retry, and the
+// values of the other never show.
+TEST(HostBadPeers, ReplyToAnotherTransactionThenTheRightOne)
+{
+    Rig rig(Mode::ForeignFirst);
+    ASSERT_TRUE(rig.host->start(true));
+    ASSERT_TRUE(rig.host->wait_passes(3, 10000ms));
+    EXPECT_EQ(values_of(*rig.host, rig.t), (std::vector<uint64_t>{0x0100, 0x0101}));
+    const auto s = rig.host->stats();
+    EXPECT_EQ(s.failed_replies, 0u);
+    EXPECT_EQ(s.retries, 0u);
+    EXPECT_GE(s.foreign_replies, 3u);
+    for (const auto &e : rig.seen())
+        EXPECT_EQ(e.status, 1);
+}
+
+// The same reply twice in one piece: the first is the answer, the copy
+// answers no request and is discarded without a failure.
+TEST(HostBadPeers, ReplySentTwiceCostsNothing)
+{
+    Rig rig(Mode::Twice);
+    ASSERT_TRUE(rig.host->start(true));
+    ASSERT_TRUE(rig.host->wait_passes(3, 10000ms));
+    EXPECT_EQ(values_of(*rig.host, rig.t), (std::vector<uint64_t>{0x0100, 0x0101}));
+    const auto s = rig.host->stats();
+    EXPECT_EQ(s.failed_replies, 0u);
+    EXPECT_GE(s.foreign_replies + s.stale_bytes / 13, 2u);
 }
 
 TEST(HostBadPeers, ReplyCutOffTimesOutWithWhatArrived)
@@ -246,6 +347,7 @@ TEST(HostBadPeers, ReplyCutOffTimesOutWithWhatArrived)
     ASSERT_TRUE(rig.host->start(true));
     rig.expect_given_up(71, 10);
     EXPECT_EQ(rig.host->stats().timeouts, 0u) << "bytes arrived, so it is no time-out";
+    EXPECT_GE(rig.host->stats().resyncs, 1u) << "the rest of the frame may still come: a new connection";
     rig.expect_recovery();
 }
 

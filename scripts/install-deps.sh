@@ -6,7 +6,7 @@ set -euo pipefail
 
 declare -A GROUPS_PKGS=(
   [build]="cmake make g++ pkg-config qtbase5-dev"
-  [test]="libgtest-dev libgmock-dev libbenchmark-dev"
+  [test]="libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev"
   # python3-pymodbus imports serial and serial_asyncio in its server code but
   # only recommends them, and recommends are not installed here.
   [modbus]="libmodbus-dev python3-pymodbus python3-serial python3-serial-asyncio mbpoll"

@@ -304,7 +304,8 @@ std::string json_stats(const plchost::Stats &s)
     o << "{\"requests\":" << s.requests << ",\"good_replies\":" << s.good_replies
       << ",\"failed_replies\":" << s.failed_replies << ",\"retries\":" << s.retries << ",\"give_ups\":" << s.give_ups
       << ",\"timeouts\":" << s.timeouts << ",\"reconnects\":" << s.reconnects
-      << ",\"connect_failures\":" << s.connect_failures << ",\"passes\":" << s.passes
+      << ",\"connect_failures\":" << s.connect_failures << ",\"foreign_replies\":" << s.foreign_replies
+      << ",\"resyncs\":" << s.resyncs << ",\"stale_bytes\":" << s.stale_bytes << ",\"passes\":" << s.passes
       << ",\"rtt_ms\":{\"min\":" << s.rtt_min_ms << ",\"avg\":" << s.rtt_avg_ms << ",\"max\":" << s.rtt_max_ms
       << "},\"codes\":{";
     bool first = true;
@@ -325,6 +326,12 @@ void print_stats(const plchost::Stats &s, FILE *out)
                  static_cast<unsigned long long>(s.failed_replies), static_cast<unsigned long long>(s.retries),
                  static_cast<unsigned long long>(s.give_ups), static_cast<unsigned long long>(s.timeouts),
                  static_cast<unsigned long long>(s.reconnects), static_cast<unsigned long long>(s.passes));
+    if (s.foreign_replies || s.resyncs || s.stale_bytes)
+        std::fprintf(out,
+                     "unpaired: %llu replies to other requests discarded, %llu connections renewed, "
+                     "%llu stale bytes drained\n",
+                     static_cast<unsigned long long>(s.foreign_replies), static_cast<unsigned long long>(s.resyncs),
+                     static_cast<unsigned long long>(s.stale_bytes));
     std::fprintf(out, "round trip: min %.3f ms, avg %.3f ms, max %.3f ms\n", s.rtt_min_ms, s.rtt_avg_ms, s.rtt_max_ms);
     if (!s.codes.empty()) {
         std::string codes;

@@ -122,6 +122,13 @@ ReadStatus read_until_idle(int fd, std::chrono::milliseconds idle, size_t limit,
     return ReadStatus::Complete;
 }
 
+// Whether bytes are waiting to be read, without taking them.
+bool bytes_waiting(int fd)
+{
+    uint8_t byte = 0;
+    return ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
+}
+
 bool send_all(int fd, const uint8_t *data, size_t size)
 {
     size_t sent = 0;
@@ -773,6 +780,14 @@ void Host::count_foreign(uint64_t frames)
 // A frame that answers another request (a late reply, one sent twice) is
 // skipped and counted, and reading goes on for the right one; bytes behind
 // the right one that came in the same read are counted as stale.
+//
+// One case the header cannot settle: a reply cut short by the peer whose
+// missing bytes are then supplied by the next frame on the line (a late
+// reply, say). Its length field is satisfied by bytes that belong to
+// another frame. A reply whose bytes came in more than one piece and has
+// more bytes right behind it is therefore not taken: the connection is out
+// of step. (A peer that answers one request at a time sends nothing behind
+// a whole reply, so a reply that merely arrived in pieces still passes.)
 Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &request, size_t expected,
                                     Clock::time_point deadline, std::vector<uint8_t> *reply)
 {
@@ -781,10 +796,12 @@ Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &r
     // The first read may take as much as the driver expects in all, so a
     // whole reply costs one recv; the MBAP length decides where it ends.
     size_t room = std::min(std::max(expected, kMbapHeaderSize), kModbusMaxFrame);
+    bool pieced = false; // the frame at the start of buf came in more than one read
     for (;;) {
         const Scan s = scan_modbus_reply(request.data(), request.size(), buf.data(), buf.size());
         switch (s.kind) {
         case ReplyScan::NeedMore:
+            pieced = pieced || !buf.empty();
             r.status = read_exact(c.fd, s.size - buf.size(), deadline, &buf, !buf.empty(), room);
             room = 0;
             if (r.status == ReadStatus::Complete)
@@ -802,8 +819,14 @@ Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &r
         case ReplyScan::Foreign:
             count_foreign(1);
             buf.erase(buf.begin(), buf.begin() + long(s.size));
+            pieced = false;
             continue;
         case ReplyScan::Reply:
+            if (pieced && (buf.size() > s.size || bytes_waiting(c.fd))) {
+                count_foreign(1);
+                r.out_of_step = true;
+                return r;
+            }
             if (buf.size() > s.size) {
                 std::lock_guard<std::mutex> lock(mutex_);
                 stats_.stale_bytes += uint64_t(buf.size() - s.size);
@@ -841,9 +864,7 @@ Host::Received Host::receive_remote(Connection &c, size_t expected, Clock::time_
         r.out_of_step = true;
         return r;
     }
-    uint8_t more = 0;
-    const bool waiting = ::recv(c.fd, &more, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
-    if (scan_remote_reply(expected, reply->size() + (waiting ? 1 : 0)).kind == ReplyScan::OutOfStep) {
+    if (scan_remote_reply(expected, reply->size() + (bytes_waiting(c.fd) ? 1 : 0)).kind == ReplyScan::OutOfStep) {
         // More than one reply's worth: which part answers this request
         // cannot be told, so none is taken.
         count_foreign(1);

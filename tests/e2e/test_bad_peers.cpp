@@ -36,6 +36,7 @@ enum class Mode {
     ForeignFirst,  // a reply to an earlier request, then the right one
     Twice,         // the right reply, sent twice in one piece
     CutOff,
+    CutThenOther, // part of the reply, then a whole reply to an earlier request
     CloseMidReply,
     Silent
 };
@@ -159,6 +160,17 @@ private:
                     r = good_reply(q, regs);
                     r.resize(10);
                     break;
+                case Mode::CutThenOther: {
+                    // The first 10 bytes; a moment later an earlier request's
+                    // reply (values 0x99..), whose first bytes would complete
+                    // this one to its announced length.
+                    r = good_reply(q, regs);
+                    r.resize(10);
+                    ::send(fd, r.data(), r.size(), MSG_NOSIGNAL);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                    r = good_reply(q, regs, -1, 0x99);
+                    break;
+                }
                 case Mode::CloseMidReply:
                     r = good_reply(q, regs);
                     r.resize(5);
@@ -348,6 +360,21 @@ TEST(HostBadPeers, ReplyCutOffTimesOutWithWhatArrived)
     rig.expect_given_up(71, 10);
     EXPECT_EQ(rig.host->stats().timeouts, 0u) << "bytes arrived, so it is no time-out";
     EXPECT_GE(rig.host->stats().resyncs, 1u) << "the rest of the frame may still come: a new connection";
+    rig.expect_recovery();
+}
+
+// A reply cut short, and the next frame on the line supplies the bytes its
+// length still asks for: the header cannot tell, so a reply that came in
+// pieces with more bytes right behind it is not taken, and the connection
+// is opened afresh.
+TEST(HostBadPeers, ReplyCompletedByAnotherFrameIsNotTaken)
+{
+    Rig rig(Mode::CutThenOther);
+    ASSERT_TRUE(rig.host->start(true));
+    rig.expect_given_up(41, 0);
+    EXPECT_GE(rig.host->stats().resyncs, 2u);
+    for (const auto &e : rig.seen())
+        EXPECT_NE(e.status, 1) << "a reply made of two frames was taken";
     rig.expect_recovery();
 }
 

@@ -92,6 +92,18 @@ public:
         auto it = entries_.find({source_type, source_id});
         return it == entries_.end() ? std::make_pair(0, 0) : std::make_pair(it->second.calls, it->second.result);
     }
+    // Like get(), and forgets the identity: a later callback for it then
+    // shows as a stray entry (size() above 0 once every report was taken).
+    std::pair<int, int> take(int source_type, int source_id)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = entries_.find({source_type, source_id});
+        if (it == entries_.end())
+            return std::make_pair(0, 0);
+        const auto r = std::make_pair(it->second.calls, it->second.result);
+        entries_.erase(it);
+        return r;
+    }
     // Waits until every identity of `ids` (with this source_type) has had a callback.
     bool wait_all(int source_type, const std::vector<int> &ids, std::chrono::milliseconds timeout)
     {

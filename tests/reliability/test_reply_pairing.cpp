@@ -81,6 +81,10 @@ public:
     {
         std::string error;
         ASSERT_TRUE(host_->start(true, &error)) << error;
+        // Every tag read once in this run before the values are watched.
+        ASSERT_TRUE(host_->wait_passes(1, std::chrono::milliseconds(5000)));
+        watch_.arm();
+        ASSERT_LT(proxy_->replies(), kFaultyReply) << "the fault came before the watch was armed";
         ASSERT_TRUE(eventually([&] { return proxy_->replies() >= kFaultyReply; }, std::chrono::milliseconds(10000)))
             << "the peer never sent reply " << kFaultyReply;
         std::this_thread::sleep_for(after);

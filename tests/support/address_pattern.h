@@ -12,6 +12,7 @@
 
 #include "plchost.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -87,31 +88,29 @@ public:
         written_[c].insert(value);
     }
 
-    // Checks every value of `tags` in the host's mirror. Kinds 0..5 and
-    // 9..14 are understood; a tag whose values are all 0 and that has never
-    // shown anything else is not read yet (the mirror answers 0 for
-    // registers it has never stored) and is left out. Returns the number of
-    // wrong values found.
+    // Checks every value of `tags` in the host's mirror (kinds 0..5 and
+    // 9..14; bytes are left out). Returns the number of wrong values found.
+    // It checks nothing until arm() is called, which is once every tag has
+    // been read in this run: the mirror belongs to the driver, which
+    // outlives a host, and holds what earlier runs read (or 0) until then.
     int check(const plchost::Host &host, const std::vector<plchost::Tag> &tags)
     {
+        if (!armed_.load())
+            return 0;
         int wrong_now = 0;
         for (const plchost::Tag &t : tags) {
             std::vector<uint8_t> bytes;
             host.read(t, &bytes);
             const auto values = plchost::decode_values(t.kind, t.count, bytes);
             std::lock_guard<std::mutex> lock(mutex_);
-            bool all_zero = true;
-            for (uint64_t v : values)
-                all_zero = all_zero && v == 0;
-            if (all_zero && !seen_.count(t.name))
-                continue;
-            seen_.insert(t.name);
             wrong_now += check_tag(t, values);
         }
         std::lock_guard<std::mutex> lock(mutex_);
         ++checks_;
         return wrong_now;
     }
+
+    void arm() { armed_.store(true); }
 
     uint64_t checks() const
     {
@@ -167,7 +166,12 @@ private:
             s << "tag " << t.name << " value " << index << " is " << value << " where " << describe(c) << " holds "
               << (c.table == Table::Coils || c.table == Table::DiscreteInputs ? bit_value(c.address)
                                                                               : register_value(c.address))
-              << " or a value written there";
+              << " or a value written there (";
+            auto it = written_.find(c);
+            if (it != written_.end())
+                for (uint16_t w : it->second)
+                    s << " " << w;
+            s << " )";
             first_wrong_ = s.str();
         }
     }
@@ -206,9 +210,9 @@ private:
         return wrong;
     }
 
+    std::atomic<bool> armed_{false};
     mutable std::mutex mutex_;
     std::map<Cell, std::set<uint16_t>> written_;
-    std::set<std::string> seen_;
     uint64_t checks_ = 0;
     uint64_t wrong_ = 0;
     std::string first_wrong_;

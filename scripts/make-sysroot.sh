@@ -52,6 +52,17 @@ for deb in "$@"; do
   }
   debs+=("$(realpath "$deb")")
 done
+# The packages of a board are all taken from one folder.
+deb_dir=""
+if [[ ${#debs[@]} -gt 0 ]]; then
+  deb_dir=$(dirname "${debs[0]}")
+  for deb in "${debs[@]}"; do
+    [[ $(dirname "$deb") == "$deb_dir" ]] || {
+      echo "make-sysroot: the .deb files must be in one folder" >&2
+      exit 2
+    }
+  done
+fi
 
 bash scripts/install-deps.sh sysroot
 
@@ -75,6 +86,11 @@ unpack() {
   local dir=$1
   shift
   local includes=() p
+  # apt reads local .deb files by the same path inside the new root, so they
+  # are copied in there first (and removed from it afterwards).
+  if [[ -n $board_dir ]]; then
+    includes+=("--setup-hook=mkdir -p \"\$1$deb_dir\" && cp ${*@Q} \"\$1$deb_dir/\"")
+  fi
   for p in "$@"; do includes+=("--include=$p"); done
   rm -rf "$dir.tmp" "$dir"
   mkdir -p "$(dirname "$dir")"
@@ -85,17 +101,14 @@ unpack() {
     echo "make-sysroot: mmdebstrap failed for $arch (log: $dir.log)" >&2
     exit 1
   fi
+  [[ -z $board_dir ]] || for p in "$@"; do rm -f "$dir.tmp$p"; done
   mv "$dir.tmp" "$dir"
 }
 
 if [[ -n $board_dir ]]; then
-  # apt resolves the local packages' dependencies from the archive. In the
-  # extract variant apt only downloads, so the local packages themselves are
-  # unpacked here afterwards, as dpkg would unpack them.
+  # apt resolves the local packages' dependencies from the archive; all of
+  # them, the local ones too, are unpacked.
   unpack "$board_dir" "${debs[@]}"
-  for deb in "${debs[@]}"; do
-    dpkg-deb -x "$deb" "$board_dir"
-  done
   echo "$board_dir"
   exit 0
 fi

@@ -34,8 +34,8 @@ declare -A GROUPS_PKGS=(
   [s390x]="g++-s390x-linux-gnu qemu-user"
   # The on-board check (tests/board): the board in a network namespace joined
   # by a veth pair (ip), packet loss on its link (nft), an independent Modbus
-  # client (mbpoll).
-  [board]="iproute2 nftables mbpoll"
+  # client (mbpoll), the values check (python3).
+  [board]="iproute2 nftables mbpoll python3"
 )
 
 wanted=()

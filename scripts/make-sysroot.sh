@@ -18,8 +18,7 @@
 # The machine's own packages are not touched. Prints the folder made on its
 # last line of output.
 set -euo pipefail
-cd "$(dirname "$0")/.."
-root=$(pwd)
+root=$(cd "$(dirname "$0")/.." && pwd)
 
 usage() {
   echo "usage: scripts/make-sysroot.sh ARCH | --board DIR ARCH DEB..." >&2
@@ -29,7 +28,7 @@ usage() {
 board_dir=""
 if [[ ${1:-} == --board ]]; then
   [[ $# -ge 4 ]] || usage
-  board_dir=$2
+  board_dir=$(realpath -m "$2")
   shift 2
 fi
 [[ $# -ge 1 ]] || usage
@@ -64,7 +63,7 @@ if [[ ${#debs[@]} -gt 0 ]]; then
   done
 fi
 
-bash scripts/install-deps.sh sysroot
+bash "$root/scripts/install-deps.sh" sysroot
 
 # The first mirror of this machine's apt sources (one-line or deb822 format)
 # that is not the security archive: bookworm and bookworm-updates from there.
@@ -106,9 +105,15 @@ unpack() {
 }
 
 if [[ -n $board_dir ]]; then
+  # DIR is replaced: only an empty folder or one this script made before.
+  if [[ -e $board_dir && ! -f $board_dir/.plcdriver-board && -n $(ls -A "$board_dir" 2>/dev/null) ]]; then
+    echo "make-sysroot: $board_dir exists and is not a board root made by make-sysroot.sh; not replacing it" >&2
+    exit 2
+  fi
   # apt resolves the local packages' dependencies from the archive; all of
   # them, the local ones too, are unpacked.
   unpack "$board_dir" "${debs[@]}"
+  echo "arch=$arch packages=${debs[*]##*/}" >"$board_dir/.plcdriver-board"
   echo "$board_dir"
   exit 0
 fi

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Values check of the on-board test: a plcpoll (the board's, run through a
-command prefix such as `ip netns exec NS qemu-arm -L ROOT`) against a plcsim
+command prefix such as `nsenter --net=/run/netns/NS qemu-arm -L ROOT`) against a plcsim
 started with --static, checked against plcsim's memory as an independent
 Modbus client (mbpoll) reads it.
 

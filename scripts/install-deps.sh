@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
-# Usage: scripts/install-deps.sh GROUP...   (groups: build test modbus fuzz profile leaks package qt6 arm64 report)
+# Usage: scripts/install-deps.sh GROUP...
+#   (groups: build test modbus fuzz profile leaks package qt6 sysroot arm64 armhf armel s390x board report)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -22,9 +23,19 @@ declare -A GROUPS_PKGS=(
   [package]="dpkg-dev file"
   # The Qt 6 build of the driver and its unit tests.
   [qt6]="qt6-base-dev"
-  # Cross build for 64-bit ARM boards, unit tests under qemu: the arm64 Qt Core
-  # runtime (multi-arch, beside the machine's own Qt 5) and GoogleTest's sources.
-  [arm64]="g++-aarch64-linux-gnu qemu-user googletest libqt5core5a:arm64"
+  # Root file systems of the boards (scripts/make-sysroot.sh): the target's
+  # libraries are unpacked there, never installed on this machine.
+  [sysroot]="mmdebstrap"
+  # Cross compilers of the board architectures (Debian names), and qemu-user,
+  # which runs the target's programs on this machine.
+  [arm64]="g++-aarch64-linux-gnu qemu-user"
+  [armhf]="g++-arm-linux-gnueabihf qemu-user"
+  [armel]="g++-arm-linux-gnueabi qemu-user"
+  [s390x]="g++-s390x-linux-gnu qemu-user"
+  # The on-board check (tests/board): the board in a network namespace joined
+  # by a veth pair (ip), packet loss on its link (nft), an independent Modbus
+  # client (mbpoll), the values check (python3).
+  [board]="iproute2 nftables mbpoll python3"
 )
 
 wanted=()
@@ -47,12 +58,6 @@ if [[ $(id -u) -ne 0 ]]; then
   command -v sudo >/dev/null || { echo "install-deps: need root (or sudo) to install: ${missing[*]}" >&2; exit 1; }
   SUDO="sudo"
 fi
-# Packages of another architecture (name:arch) need it enabled in dpkg first.
-for pkg in "${missing[@]}"; do
-  if [[ $pkg == *:* ]] && ! dpkg --print-foreign-architectures | grep -x "${pkg##*:}" >/dev/null; then
-    $SUDO dpkg --add-architecture "${pkg##*:}"
-  fi
-done
 export DEBIAN_FRONTEND=noninteractive
 # A list that fails to download (a mirror in sync, say, for one architecture)
 # need not stop an install that the other lists satisfy; the install below

@@ -2,12 +2,23 @@
 # Builds and runs every test: the normal build (warnings are errors), then the
 # address+undefined sanitizer build, then the thread sanitizer build of the
 # concurrency tests, then a short run of the libFuzzer targets, then the Qt 6
-# build and the 64-bit ARM cross build (unit tests under qemu). Installs
-# missing Debian packages first.
+# build, then the cross builds for the boards (arm64, armhf, armel; unit tests
+# under qemu-user, the packages installed on a board and its plcpoll run
+# against the PC's plcsim) and for s390x (big-endian: library and unit
+# tests). Installs missing Debian packages first.
+#
+# SUITES picks suites by name (default: all), e.g. SUITES="armhf s390x":
+#   normal asan tsan fuzz qt6 arm64 armhf armel s390x
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 jobs=${JOBS:-$(nproc)}
+all_suites="normal asan tsan fuzz qt6 arm64 armhf armel s390x"
+suites=${SUITES:-$all_suites}
+for s in $suites; do
+  [[ " $all_suites " == *" $s "* ]] || { echo "test.sh: unknown suite '$s' in SUITES (known: $all_suites)" >&2; exit 2; }
+done
+wanted() { [[ " $suites " == *" $1 "* ]]; }
 
 bash scripts/install-deps.sh build test modbus fuzz leaks package || exit 1
 
@@ -60,14 +71,15 @@ timed() {
   summary[-1]+=" in $((SECONDS - start)) s"
 }
 san_flags=(-DCMAKE_BUILD_TYPE=None "-DCMAKE_CXX_FLAGS=-O1 -g1" -DPLCDRIVER_BUILD_BENCHMARKS=OFF)
-timed run_suite "normal" build-tests/normal "" -DPLCDRIVER_BUILD_BENCHMARKS=OFF
-timed run_suite "address+undefined sanitizers" build-tests/asan "-LE nosan" \
+normal_flags=(-DPLCDRIVER_BUILD_BENCHMARKS=OFF)
+wanted normal && timed run_suite "normal" build-tests/normal "" "${normal_flags[@]}"
+wanted asan && timed run_suite "address+undefined sanitizers" build-tests/asan "-LE nosan" \
   -DPLCDRIVER_SANITIZE=address,undefined "${san_flags[@]}"
-SUITE_TARGETS=threads_tests timed run_suite "thread sanitizer" build-tests/tsan "-L threads" \
+wanted tsan && SUITE_TARGETS=threads_tests timed run_suite "thread sanitizer" build-tests/tsan "-L threads" \
   -DPLCDRIVER_SANITIZE=thread "${san_flags[@]}"
 # The libFuzzer targets (clang, address+undefined sanitizers), each run for a
 # few seconds on a copy of its seed corpus; only the fuzz targets are built.
-CC=clang CXX=clang++ SUITE_TARGETS=fuzzers timed run_suite "fuzz (libFuzzer, short)" build-tests/fuzz "-L fuzz" \
+wanted fuzz && CC=clang CXX=clang++ SUITE_TARGETS=fuzzers timed run_suite "fuzz (libFuzzer, short)" build-tests/fuzz "-L fuzz" \
   -DPLCDRIVER_BUILD_FUZZERS=ON -DPLCDRIVER_BUILD_TESTS=OFF -DPLCDRIVER_BUILD_BENCHMARKS=OFF \
   -DPLCDRIVER_BUILD_PROGRAMS=OFF
 
@@ -75,7 +87,8 @@ CC=clang CXX=clang++ SUITE_TARGETS=fuzzers timed run_suite "fuzz (libFuzzer, sho
 # libmodbus, pymodbus or the programs; no benchmarks; optimised lightly (-O1)
 # and without debug information, which halves their compile time.
 lib_only=(-DCMAKE_BUILD_TYPE=None -DCMAKE_CXX_FLAGS=-O1 -DPLCDRIVER_BUILD_BENCHMARKS=OFF -DPLCDRIVER_BUILD_PROGRAMS=OFF
-  -DPLCDRIVER_BUILD_INTEGRATION=OFF -DPLCDRIVER_BUILD_E2E=OFF -DPLCDRIVER_BUILD_SIMULATOR=OFF -DPLCDRIVER_BUILD_INSTALL=OFF)
+  -DPLCDRIVER_BUILD_INTEGRATION=OFF -DPLCDRIVER_BUILD_E2E=OFF -DPLCDRIVER_BUILD_SIMULATOR=OFF -DPLCDRIVER_BUILD_INSTALL=OFF
+  -DPLCDRIVER_BUILD_RELIABILITY=OFF)
 # skip_suite NAME REASON: a suite that cannot run on this machine; reported as
 # skipped, never as passed.
 skip_suite() {
@@ -84,45 +97,60 @@ skip_suite() {
 }
 
 # Qt 6 build of the driver, its unit tests and the install/package tests.
-start=$SECONDS
-if bash scripts/install-deps.sh qt6 package >build-tests/qt6-deps.log 2>&1; then
-  run_suite "qt6" build-tests/qt6 "-L unit|install" -DPLCDRIVER_QT_MAJOR=6 "${lib_only[@]}" -DPLCDRIVER_BUILD_INSTALL=ON
+if wanted qt6; then
+  start=$SECONDS
+  if bash scripts/install-deps.sh qt6 package >build-tests/qt6-deps.log 2>&1; then
+    run_suite "qt6" build-tests/qt6 "-L unit|install" -DPLCDRIVER_QT_MAJOR=6 "${lib_only[@]}" -DPLCDRIVER_BUILD_INSTALL=ON
+  else
+    skip_suite "qt6" "qt6-base-dev could not be installed, see build-tests/qt6-deps.log"
+  fi
   summary[-1]+=" in $((SECONDS - start)) s"
-else
-  skip_suite "qt6" "qt6-base-dev could not be installed, see build-tests/qt6-deps.log"
 fi
 
-# 64-bit ARM boards: cross-built with cmake/toolchains/aarch64-linux-gnu.cmake,
-# the unit tests run under qemu-aarch64; the install tests build the arm64
-# .deb and run the example host project for arm64 against the installed and
-# the unpacked package. GoogleTest is built for the target
-# from Debian's sources first (without GoogleMock, which no test uses).
-arm64_suite() {
-  local name="arm64 (qemu)" dir=build-tests/arm64 tc=$root/cmake/toolchains/aarch64-linux-gnu.cmake
-  if ! bash scripts/install-deps.sh arm64 >build-tests/arm64-deps.log 2>&1; then
-    skip_suite "$name" "g++-aarch64-linux-gnu, qemu-user or libqt5core5a:arm64 could not be installed, see build-tests/arm64-deps.log"
-    return
-  fi
-  mkdir -p "$dir"
-  echo "==== $name: GoogleTest for arm64 ($dir/googletest)"
-  if ! {
-    cmake -S /usr/src/googletest -B "$dir/googletest" -DCMAKE_TOOLCHAIN_FILE="$tc" -DCMAKE_BUILD_TYPE=None \
-      -DCMAKE_CXX_FLAGS=-O1 -DBUILD_GMOCK=OFF \
-      -DCMAKE_INSTALL_PREFIX="$root/$dir/googletest/prefix" &&
-      cmake --build "$dir/googletest" -j"$jobs" && cmake --install "$dir/googletest"
-  } >"$dir/googletest.log" 2>&1; then
-    tail -30 "$dir/googletest.log"
-    echo "$name: building GoogleTest for arm64 failed"
-    status=1
-    summary+=("$name: GoogleTest build failed")
-    return
-  fi
-  run_suite "$name" "$dir/driver" "-L unit|install" -DCMAKE_TOOLCHAIN_FILE="$tc" \
-    -DCMAKE_PREFIX_PATH="$root/$dir/googletest/prefix" "${lib_only[@]}" -DPLCDRIVER_BUILD_INSTALL=ON
+# Boards: each architecture cross-built against a Debian 12 root file system
+# of its own (scripts/make-sysroot.sh, cached in build-sysroot/ARCH) with
+# cmake/toolchains/debian-sysroot.cmake; its programs run under qemu-user
+# with that root file system as library prefix. Built at -O1 without debug
+# information, like the library-only builds.
+#   ARM boards (arm64, armhf, armel): the library, its unit tests, the
+#   programs (plcpoll, plcsim, the reference host), the install tests (the
+#   example host project against the installed tree and the unpacked .debs)
+#   and the on-board check (tests/board: the packages installed on a board,
+#   its plcpoll against the PC's plcsim from build-tests/normal).
+#   s390x (big-endian): the library, its unit tests and the install tests.
+# native_programs: plcsim and plcpoll of the PC for the on-board check, from
+# the normal suite's build (configured the same way, only these two built
+# when that suite did not run).
+native_programs() {
+  local dir=build-tests/normal
+  {
+    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPLCDRIVER_WERROR=ON "${normal_flags[@]}" &&
+      cmake --build "$dir" -j"$jobs" --target plcsim plcpoll
+  } >build-tests/native-programs.log 2>&1
 }
-start=$SECONDS
-arm64_suite
-summary[-1]+=" in $((SECONDS - start)) s"
+board_suite() {
+  local arch=$1 name="$1 (qemu)" start=$SECONDS
+  local deps=(sysroot "$arch" package) labels="unit|install" args=()
+  [[ $arch == s390x ]] || deps+=(board)
+  if ! bash scripts/install-deps.sh "${deps[@]}" >"build-tests/$arch-deps.log" 2>&1; then
+    skip_suite "$name" "the cross compiler, qemu-user or mmdebstrap could not be installed, see build-tests/$arch-deps.log"
+  elif ! bash scripts/make-sysroot.sh "$arch" >"build-tests/$arch-sysroot.log" 2>&1; then
+    skip_suite "$name" "the $arch root file system could not be made (Debian mirror), see build-tests/$arch-sysroot.log"
+  else
+    if [[ $arch != s390x ]]; then
+      labels="unit|install|board"
+      args=(-DPLCDRIVER_BUILD_PROGRAMS=ON -DPLCDRIVER_BUILD_BOARD=ON
+        -DPLCDRIVER_BOARD_NATIVE_BUILD="$root/build-tests/normal")
+      native_programs || echo "$name: building the PC's plcsim and plcpoll failed, see build-tests/native-programs.log"
+    fi
+    run_suite "$name" "build-tests/$arch" "-L $labels" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchains/debian-sysroot.cmake" \
+      -DPLCDRIVER_DEB_ARCH="$arch" "${lib_only[@]}" -DPLCDRIVER_BUILD_INSTALL=ON "${args[@]}"
+  fi
+  summary[-1]+=" in $((SECONDS - start)) s"
+}
+for arch in arm64 armhf armel s390x; do
+  wanted "$arch" && board_suite "$arch"
+done
 
 echo
 echo "==== summary"

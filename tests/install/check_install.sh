@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
 # Checks the installed driver the way an integrator uses it.
-# Usage: check_install.sh MODE BUILD_DIR SOURCE_DIR WORK_DIR CMAKE CPACK CXX [TOOLCHAIN EMULATOR DEB_ARCH]
+# Usage: check_install.sh MODE BUILD_DIR SOURCE_DIR WORK_DIR CMAKE CPACK CXX [TOOLCHAIN EMULATOR DEB_ARCH SYSROOT]
 #   cmake      install into WORK_DIR/prefix, check the layout, build the example
 #              host project with find_package(plcdriver) and run it
 #   pkgconfig  install, build the example with its pkg-config Makefile, run it
-#   deb        build the .deb with CPack, check its contents and dependencies,
-#              unpack it and build and run the example against the unpacked tree
+#   deb        build the .debs with CPack (libplcdriver1, libplcdriver-dev and,
+#              with the programs, plcdriver-tools), check their contents and
+#              dependencies, unpack them and build and run the example against
+#              the unpacked tree, and the unpacked programs
 # Cross builds pass their toolchain file, the emulator that runs the target's
-# programs and the Debian architecture of the target; they have no pkg-config
-# files for the target's Qt, so they use CMake for the example throughout.
+# programs (program and arguments separated by spaces), the Debian architecture and
+# the sysroot of the target; they use CMake for the example throughout.
 set -euo pipefail
 mode=$1 build=$2 src=$3 work=$4 cmake=$5 cpack=$6 cxx=$7
-toolchain=${8:-} emulator=${9:-} deb_arch=${10:-}
+toolchain=${8:-} emulator=${9:-} deb_arch=${10:-} sysroot=${11:-}
+read -r -a emulator_cmd <<<"$emulator"
 [[ -n "$deb_arch" ]] || deb_arch=$(dpkg --print-architecture)
 example=$src/examples/host-project
 
@@ -23,7 +26,7 @@ fail() {
 # Runs a program built for the target (through the emulator in cross builds).
 run_target() {
   if [[ -n "$emulator" ]]; then
-    "$emulator" "$@"
+    "${emulator_cmd[@]}" "$@"
   else
     "$@"
   fi
@@ -54,6 +57,19 @@ check_loads_from() {
   else
     readelf -d "$1" | grep -F '[libplcdriver.so.1]' >/dev/null || fail "$1 does not need libplcdriver.so.1"
     readelf -d "$1" | grep -E 'R(UN)?PATH' | grep -F "$2" >/dev/null || fail "$1 has no run path to $2"
+  fi
+}
+
+# The program $1 finds libplcdriver.so.1 in the folder $2 by its own run
+# path, relative to itself ($ORIGIN), so the tree works wherever it is.
+check_program_loads() {
+  readelf -d "$1" | grep -E 'R(UN)?PATH' | grep -F '[$ORIGIN/../' >/dev/null ||
+    fail "$1 has no run path relative to itself"
+  if [[ -z "$emulator" ]]; then
+    local got
+    got=$(env -u LD_LIBRARY_PATH ldd "$1" | awk '$1 == "libplcdriver.so.1" {print $3}')
+    [[ -n "$got" && $(realpath "$got") == $(realpath "$2/libplcdriver.so.1") ]] ||
+      fail "$1 loads libplcdriver.so.1 from '$got', not from $2"
   fi
 }
 
@@ -104,7 +120,10 @@ do_install() {
 build_with_cmake() { # build_with_cmake PREFIX LIBDIR: find_package(plcdriver) from PREFIX
   local args=(-DCMAKE_PREFIX_PATH="$1" -DCMAKE_CXX_FLAGS=-Werror)
   if [[ -n "$toolchain" ]]; then
-    args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+    # The work folder is a search root beside the sysroot, so the package
+    # installed there is found where it is (not looked for inside the sysroot).
+    args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain" -DPLCDRIVER_DEB_ARCH="$deb_arch" -DPLCDRIVER_SYSROOT="$sysroot"
+      -DCMAKE_FIND_ROOT_PATH="$work")
   else
     args+=(-DCMAKE_CXX_COMPILER="$cxx")
   fi
@@ -153,31 +172,80 @@ case $mode in
       cat "$work/cpack.log"
       fail "cpack failed"
     }
-    deb=$(find "$work" -maxdepth 1 -name '*.deb')
-    [[ $(wc -l <<<"$deb") -eq 1 && -n "$deb" ]] || fail "expected one .deb in $work, found: $deb"
-    echo "package: $(basename "$deb")"
-    dpkg-deb -c "$deb" | tee "$work/contents.txt"
-    paths=$(awk '{print $6}' "$work/contents.txt")
-    for want in '^\./usr/lib/([^/]+/)?libplcdriver\.so\.1\.[0-9]+\.[0-9]+$' \
-      '^\./usr/lib/([^/]+/)?libplcdriver\.so\.1$' '^\./usr/lib/([^/]+/)?libplcdriver\.so$' \
-      '^\./usr/include/plcdriver/Communication_Protocol\.h$' \
-      '^\./usr/lib/([^/]+/)?cmake/plcdriver/plcdriverConfig\.cmake$' \
-      '^\./usr/lib/([^/]+/)?cmake/plcdriver/plcdriverConfigVersion\.cmake$' \
-      '^\./usr/lib/([^/]+/)?pkgconfig/plcdriver\.pc$'; do
-      grep -qE "$want" <<<"$paths" || fail "the package lacks $want"
+    version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
+    [[ -n "$version" ]] || fail "no package version in $build/CPackConfig.cmake"
+    packages=(libplcdriver1 libplcdriver-dev)
+    programs=()
+    for prog in tools/plcpoll/plcpoll simulator/plcsim; do
+      [[ -x "$build/$prog" ]] && programs+=("$(basename "$prog")")
     done
-    if grep -qE '\.a$|Driver_Internal\.h|Driver_Lock\.h|^\./usr/bin/' <<<"$paths"; then
-      fail "the package holds files it must not: $(grep -E '\.a$|Driver_Internal\.h|Driver_Lock\.h|^\./usr/bin/' <<<"$paths")"
+    [[ ${#programs[@]} -eq 0 ]] || packages+=(plcdriver-tools)
+    found=$(cd "$work" && find . -maxdepth 1 -name '*.deb' | sed 's|^\./||' | sort)
+    want=$(for p in "${packages[@]}"; do echo "${p}_${version}_${deb_arch}.deb"; done | sort)
+    [[ "$found" == "$want" ]] || fail "expected the packages $(echo $want), found: $(echo $found)"
+    echo "packages: $(echo $found)"
+
+    # contents PACKAGE: its file paths (./usr/...), one per line.
+    contents() { dpkg-deb -c "$work/${1}_${version}_${deb_arch}.deb" | awk '{print $6}' | grep -v '/$'; }
+    field() { dpkg-deb -f "$work/${1}_${version}_${deb_arch}.deb" "$2"; }
+    for p in "${packages[@]}"; do
+      [[ $(field "$p" Package) == "$p" ]] || fail "package name of $p is $(field "$p" Package)"
+      [[ $(field "$p" Architecture) == "$deb_arch" ]] || fail "architecture of $p is not $deb_arch"
+      echo "$p: Depends: $(field "$p" Depends)"
+      contents "$p" | sed "s|^|  $p: |"
+    done
+    # expect_files PACKAGE REGEX...: the package holds exactly one file for
+    # each pattern and nothing else.
+    expect_files() {
+      local p=$1 paths n=0 re
+      shift
+      paths=$(contents "$p")
+      for re in "$@"; do
+        [[ $(grep -cE "$re" <<<"$paths") -eq 1 ]] || fail "$p: expected one file matching $re"
+        n=$((n + 1))
+      done
+      [[ $(grep -c . <<<"$paths") -eq $n ]] || fail "$p holds other files too: $(echo $paths)"
+    }
+    lib='^\./usr/lib/([^/]+/)?'
+    expect_files libplcdriver1 "${lib}libplcdriver\.so\.1\.[0-9]+\.[0-9]+$" "${lib}libplcdriver\.so\.1$"
+    expect_files libplcdriver-dev "${lib}libplcdriver\.so$" '^\./usr/include/plcdriver/Communication_Protocol\.h$' \
+      "${lib}cmake/plcdriver/plcdriverConfig\.cmake$" "${lib}cmake/plcdriver/plcdriverConfigVersion\.cmake$" \
+      "${lib}cmake/plcdriver/plcdriverTargets\.cmake$" "${lib}cmake/plcdriver/plcdriverTargets-[a-z]+\.cmake$" \
+      "${lib}pkgconfig/plcdriver\.pc$"
+    depends_on() { # depends_on PACKAGE REGEX: a Depends entry matches
+      tr ',' '\n' <<<"$(field "$1" Depends)" | sed 's/^ *//' | grep -qE "$2"
+    }
+    depends_on libplcdriver1 '^libqt[56]core[0-9a-z]*( |$)' || fail "libplcdriver1 does not depend on the Qt Core runtime"
+    depends_on libplcdriver-dev "^libplcdriver1 \(= $version\)$" || fail "libplcdriver-dev does not depend on libplcdriver1 (= $version)"
+    # Only the tools need libmodbus: a runtime that takes the library alone
+    # does not pull it in.
+    for p in libplcdriver1 libplcdriver-dev; do
+      ! depends_on "$p" '^libmodbus' || fail "$p depends on libmodbus"
+    done
+    if [[ ${#programs[@]} -gt 0 ]]; then
+      bins=()
+      for prog in "${programs[@]}"; do bins+=("^\./usr/bin/$prog$"); done
+      expect_files plcdriver-tools "${bins[@]}"
+      depends_on plcdriver-tools "^libplcdriver1 \(= $version\)$" || fail "plcdriver-tools does not depend on libplcdriver1 (= $version)"
+      depends_on plcdriver-tools '^libmodbus5( |$)' || fail "plcdriver-tools does not depend on libmodbus5"
     fi
-    depends=$(dpkg-deb -f "$deb" Depends)
-    echo "Depends: $depends"
-    grep -qE '(^|, )libqt[56]core[0-9a-z]*( |,|$)' <<<"$depends" || fail "the package does not depend on the Qt Core runtime"
-    [[ $(dpkg-deb -f "$deb" Package) == plcdriver ]] || fail "package name is not plcdriver"
-    [[ $(dpkg-deb -f "$deb" Architecture) == "$deb_arch" ]] || fail "package architecture is not $deb_arch"
-    # The unpacked package works as an install tree (the CMake package and the
-    # .pc file find their prefix from their own location).
-    dpkg-deb -x "$deb" "$work/root"
+
+    # The unpacked packages work as an install tree (the CMake package and
+    # the .pc file find their prefix from their own location; the programs
+    # load the library beside them).
+    for p in "${packages[@]}"; do
+      dpkg-deb -x "$work/${p}_${version}_${deb_arch}.deb" "$work/root"
+    done
     check_tree "$work/root/usr"
+    for prog in "${programs[@]}"; do
+      # plcsim does not use the driver; plcpoll does.
+      if readelf -d "$work/root/usr/bin/$prog" | grep -qF '[libplcdriver.so.1]'; then
+        check_program_loads "$work/root/usr/bin/$prog" "$LIBDIR"
+      fi
+      run_target "$work/root/usr/bin/$prog" --help >"$work/$prog.help" 2>&1 ||
+        fail "unpacked $prog --help failed: $(head -5 "$work/$prog.help")"
+      echo "unpacked $prog runs"
+    done
     if [[ -z "$toolchain" ]]; then
       build_with_make "$LIBDIR"
     else

@@ -523,7 +523,9 @@ DoneResult Host::wait_done(int source_type, int source_id, std::chrono::millisec
     const auto key = std::make_pair(source_type, source_id);
     if (!done_cv_.wait_for(lock, timeout, [&] { return done_.count(key) != 0; }))
         return DoneResult::TimedOut;
-    return done_[key] == 1 ? DoneResult::Ok : DoneResult::Failed;
+    const int result = done_[key];
+    done_.erase(key);
+    return result == 1 ? DoneResult::Ok : DoneResult::Failed;
 }
 
 bool Host::wait_passes(uint64_t count, std::chrono::milliseconds timeout)
@@ -576,7 +578,16 @@ bool Host::sleep_for(std::chrono::milliseconds d, bool wake_on_kick)
 void Host::notify_done(int source_type, int source_id, int result)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    done_[{source_type, source_id}] = result;
+    // Results nobody waits for (a write whose caller only uses the hook)
+    // would pile up in a host that runs for months: the oldest are
+    // forgotten once kKeptResults newer ones have come.
+    const auto key = std::make_pair(source_type, source_id);
+    done_[key] = result;
+    done_order_.push_back(key);
+    while (done_order_.size() > kKeptResults) {
+        done_.erase(done_order_.front());
+        done_order_.pop_front();
+    }
     if (result == 1)
         ++stats_.write_done_ok;
     else

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -184,7 +185,9 @@ public:
     bool read_once(const Tag &tag, int source_type = 1, int *source_id = nullptr);
 
     // Waits until the driver reports the write or one-shot read with this
-    // source_type and source_id as finished (write-done callback).
+    // source_type and source_id as finished (write-done callback), and takes
+    // the result: a second wait for the same identity times out. Results are
+    // kept until taken, or until 4,096 newer ones have come.
     DoneResult wait_done(int source_type, int source_id, std::chrono::milliseconds timeout);
 
     // Waits until `count` more full passes over the cyclic list have ended.
@@ -255,7 +258,9 @@ private:
     std::atomic<int> cyclic_entries_{0};    // entries of the driver's cyclic list
     Stats stats_;
     double rtt_sum_ms_ = 0;
-    std::map<std::pair<int, int>, int> done_; // (source_type, source_id) -> result
+    std::map<std::pair<int, int>, int> done_;    // (source_type, source_id) -> result, until wait_done takes it
+    std::deque<std::pair<int, int>> done_order_; // done_'s keys, oldest first
+    static constexpr size_t kKeptResults = 4096;
     int next_source_id_ = 1;
 
     // Callback events collected inside DataCom (where the driver holds its

@@ -148,3 +148,32 @@ TEST(HostLibmodbus, EndpointsAreChosenByStation)
     EXPECT_TRUE(host.connected(0));
     EXPECT_TRUE(host.connected(1));
 }
+
+// Results nobody waits for do not pile up in a host that runs for long: the
+// oldest are forgotten once 4,096 newer ones have come, and a result is
+// taken by the wait that asks for it.
+TEST(HostLibmodbus, WriteResultsAreKeptBoundedly)
+{
+    ModbusPeer peer;
+    Host host(config_for(peer.port()));
+    ASSERT_TRUE(host.start(true));
+    std::vector<int> ids;
+    const int writes = 4096 + 100;
+    for (int n = 0; n < writes; ++n) {
+        std::vector<uint8_t> bytes;
+        auto t = tag(4, "600", 0);
+        plchost::encode_values(4, {uint64_t(n)}, &bytes, &t.count);
+        int id = 0;
+        ASSERT_GT(host.write(t, bytes, 1, &id), 0);
+        ids.push_back(id);
+        // Keep the write list short: wait for every 50th.
+        if (n % 50 == 49) {
+            ASSERT_TRUE(eventually([&] { return host.stats().write_done_ok >= uint64_t(n + 1); }, 10000ms));
+        }
+    }
+    ASSERT_TRUE(eventually([&] { return host.stats().write_done_ok >= uint64_t(writes); }, 10000ms));
+    EXPECT_EQ(host.wait_done(1, ids.front(), 0ms), DoneResult::TimedOut) << "the oldest result is forgotten";
+    EXPECT_EQ(host.wait_done(1, ids.back(), 0ms), DoneResult::Ok);
+    EXPECT_EQ(host.wait_done(1, ids.back(), 0ms), DoneResult::TimedOut) << "taken by the first wait";
+    EXPECT_EQ(peer.holding(600), writes - 1);
+}

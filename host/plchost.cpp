@@ -795,10 +795,12 @@ void Host::count_foreign(uint64_t frames)
 // One case the header cannot settle: a reply cut short by the peer whose
 // missing bytes are then supplied by the next frame on the line (a late
 // reply, say). Its length field is satisfied by bytes that belong to
-// another frame. A reply whose bytes came in more than one piece and has
-// more bytes right behind it is therefore not taken: the connection is out
-// of step. (A peer that answers one request at a time sends nothing behind
-// a whole reply, so a reply that merely arrived in pieces still passes.)
+// another frame. A reply whose bytes came in more than one piece is
+// therefore not taken when more bytes follow right behind it, or when the
+// pieces after the first hold a whole frame header that ends where the reply
+// ends: the connection is out of step. (A peer that answers one request at
+// a time sends nothing behind a whole reply, so a reply that merely arrived
+// in pieces still passes.)
 Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &request, size_t expected,
                                     Clock::time_point deadline, std::vector<uint8_t> *reply)
 {
@@ -807,12 +809,16 @@ Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &r
     // The first read may take as much as the driver expects in all, so a
     // whole reply costs one recv; the MBAP length decides where it ends.
     size_t room = std::min(std::max(expected, kMbapHeaderSize), kModbusMaxFrame);
-    bool pieced = false; // the frame at the start of buf came in more than one read
+    bool pieced = false;    // the frame at the start of buf came in more than one read
+    size_t first_piece = 0; // bytes of that frame the first read brought
     for (;;) {
         const Scan s = scan_modbus_reply(request.data(), request.size(), buf.data(), buf.size());
         switch (s.kind) {
         case ReplyScan::NeedMore:
-            pieced = pieced || !buf.empty();
+            if (!pieced && !buf.empty()) {
+                pieced = true;
+                first_piece = buf.size();
+            }
             r.status = read_exact(c.fd, s.size - buf.size(), deadline, &buf, !buf.empty(), room);
             room = 0;
             if (r.status == ReadStatus::Complete)
@@ -833,7 +839,8 @@ Host::Received Host::receive_modbus(Connection &c, const std::vector<uint8_t> &r
             pieced = false;
             continue;
         case ReplyScan::Reply:
-            if (pieced && (buf.size() > s.size || bytes_waiting(c.fd))) {
+            if (pieced && (buf.size() > s.size || bytes_waiting(c.fd) ||
+                           modbus_tail_is_a_frame(buf.data(), s.size, first_piece))) {
                 count_foreign(1);
                 r.out_of_step = true;
                 return r;

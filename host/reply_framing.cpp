@@ -63,6 +63,18 @@ bool modbus_prefix_matches(const uint8_t *request, size_t request_size, const ui
     return size > 0 && header_echoes(request, request_size, data, size);
 }
 
+bool modbus_tail_is_a_frame(const uint8_t *data, size_t size, size_t from)
+{
+    for (size_t at = from; at + 6 + kMbapMinLength <= size; ++at) {
+        const uint8_t *h = data + at;
+        const unsigned length = word_at(h + kLength);
+        if (word_at(h + kProtocol) == 0 && length >= kMbapMinLength && length <= kMbapMaxLength &&
+            at + 6 + length == size)
+            return true;
+    }
+    return false;
+}
+
 Scan scan_remote_reply(size_t expected, size_t size)
 {
     if (size < expected)

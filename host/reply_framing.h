@@ -56,6 +56,14 @@ Scan scan_modbus_reply(const uint8_t *request, size_t request_size, const uint8_
 // handed to the driver (which fails it on its length) or discarded.
 bool modbus_prefix_matches(const uint8_t *request, size_t request_size, const uint8_t *data, size_t size);
 
+// Whether the bytes of a frame from `from` on hold the whole of another
+// Modbus TCP frame that ends exactly where this one ends: a header with
+// protocol identifier 0 and a length that reaches the end. Used on a reply
+// that came in pieces: when the peer cut a reply short and the next frame on
+// the line (a late reply) supplied exactly the missing bytes, the reply's own
+// header cannot tell, but the other frame's header is there to see.
+bool modbus_tail_is_a_frame(const uint8_t *data, size_t size, size_t from);
+
 // The remote frame: the reply carries no transaction number, only the
 // request's first two bytes, so it is exactly the `expected` bytes the
 // driver asks for, and more bytes behind them mean the peer sent something

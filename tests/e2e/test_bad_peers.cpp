@@ -37,6 +37,7 @@ enum class Mode {
     Twice,         // the right reply, sent twice in one piece
     CutOff,
     CutThenOther, // part of the reply, then a whole reply to an earlier request
+    CutThenExact, // part of the reply, then a whole write reply exactly as long as the part missing
     CloseMidReply,
     Silent
 };
@@ -171,6 +172,18 @@ private:
                     r = good_reply(q, regs, -1, 0x99);
                     break;
                 }
+                case Mode::CutThenExact: {
+                    // The first 13 bytes of a read of eight registers (25
+                    // bytes); a moment later a write reply of another
+                    // transaction, 12 bytes: exactly what the read lacks.
+                    r = good_reply(q, regs);
+                    r.resize(r.size() - 12);
+                    ::send(fd, r.data(), r.size(), MSG_NOSIGNAL);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                    const int tid = ((q[0] << 8) | q[1]) - 1;
+                    r = {uint8_t(tid >> 8), uint8_t(tid), 0, 0, 0, 6, q[6], 0x10, 0x00, 0x10, 0x00, 0x01};
+                    break;
+                }
                 case Mode::CloseMidReply:
                     r = good_reply(q, regs);
                     r.resize(5);
@@ -201,9 +214,9 @@ struct Rig {
     std::unique_ptr<Host> host;
     std::mutex mutex;
     std::vector<plchost::ReplyEvent> events;
-    plchost::Tag t = tag(4, "0", 2);
+    plchost::Tag t;
 
-    explicit Rig(Mode first)
+    explicit Rig(Mode first, int registers = 2) : t(tag(4, "0", registers))
     {
         peer.set_mode(first);
         auto cfg = config_for(peer.port());
@@ -242,7 +255,10 @@ struct Rig {
         peer.set_mode(Mode::Good);
         // (The driver's mirror outlives a host, so wait for fresh good replies.)
         EXPECT_TRUE(eventually([&] { return host->stats().good_replies >= 2; }));
-        EXPECT_EQ(values_of(*host, t), (std::vector<uint64_t>{0x0100, 0x0101}));
+        std::vector<uint64_t> want;
+        for (int i = 0; i < t.count; ++i)
+            want.push_back(0x0100 + uint64_t(i));
+        EXPECT_EQ(values_of(*host, t), want);
         EXPECT_TRUE(host->running());
     }
 };
@@ -373,6 +389,18 @@ TEST(HostBadPeers, ReplyCompletedByAnotherFrameIsNotTaken)
     ASSERT_TRUE(rig.host->start(true));
     rig.expect_given_up(41, 0);
     EXPECT_GE(rig.host->stats().resyncs, 2u);
+    for (const auto &e : rig.seen())
+        EXPECT_NE(e.status, 1) << "a reply made of two frames was taken";
+    rig.expect_recovery();
+}
+
+// The same with nothing left over: the other frame fills the missing bytes
+// exactly. Its header, inside the reply, gives it away.
+TEST(HostBadPeers, ReplyCompletedExactlyByAnotherFrameIsNotTaken)
+{
+    Rig rig(Mode::CutThenExact, 8);
+    ASSERT_TRUE(rig.host->start(true));
+    rig.expect_given_up(41, 0);
     for (const auto &e : rig.seen())
         EXPECT_NE(e.status, 1) << "a reply made of two frames was taken";
     rig.expect_recovery();

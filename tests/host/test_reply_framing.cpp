@@ -144,3 +144,34 @@ INSTANTIATE_TEST_SUITE_P(Lengths, RemoteReplyScan,
                                            RemoteCase{9, 8, ReplyScan::NeedMore, 9},
                                            RemoteCase{9, 10, ReplyScan::OutOfStep, 10},
                                            RemoteCase{8, 16, ReplyScan::OutOfStep, 16}));
+
+struct TailCase {
+    const char *what;
+    const char *bytes;
+    size_t from;
+    bool frame;
+};
+
+class ModbusTail : public ::testing::TestWithParam<TailCase> {};
+
+TEST_P(ModbusTail, Table)
+{
+    const auto data = hex(GetParam().bytes);
+    EXPECT_EQ(plchost::modbus_tail_is_a_frame(data.data(), data.size(), GetParam().from), GetParam().frame)
+        << GetParam().what;
+}
+
+INSTANTIATE_TEST_SUITE_P(Pieces, ModbusTail,
+                         ::testing::Values(
+                             // A read of eight registers cut after 13 bytes, completed by a whole
+                             // write reply of 12 bytes (another transaction).
+                             TailCase{"a write reply fills the rest exactly",
+                                      "0005 0000 0013 02 03 10 A000 A001 0077 0000 0006 02 10 A002 0001", 13, true},
+                             TailCase{"the same reply whole: no frame inside",
+                                      "0005 0000 0013 02 03 10 A000 A001 A002 A003 A004 A005 A006 A007", 13, false},
+                             TailCase{"a header inside that ends before the end",
+                                      "0005 0000 000B 01 03 08 0009 0000 0003 01 03 00 00", 9, false},
+                             TailCase{"a frame that starts before the second piece is not looked for",
+                                      "0005 0000 0007 01 03 04 0000 0000", 5, false},
+                             TailCase{"the smallest frame inside", "0005 0000 000A 01 03 07 00 0009 0000 0002 01 03", 9,
+                                      true}));

@@ -27,9 +27,16 @@
 #include <thread>
 #include <vector>
 
-struct ComInfo; // the driver's communication-info record
+#include "value_codec.h"
+
+struct ComInfo;  // the driver's communication-info record
+struct Protocol; // one request of the driver's queue
 
 namespace plchost {
+
+class Link;
+struct LinkCounters;
+struct WireOutcome;
 
 // How requests are framed on the wire (the driver's link_mode).
 enum class LinkMode { Modbus = 0, Remote = 1 };
@@ -203,29 +210,32 @@ public:
     static int parse_address(int kind, const std::string &text);
 
 private:
-    struct Connection;
-    struct Exchange;
+    struct Request;
+    // A callback the driver made inside DataCom (where it holds its list
+    // lock), noted for delivery after DataCom has returned.
+    struct CallbackEvent {
+        bool write_done;
+        int handle, source_type, source_id, result;
+    };
 
+    void setup_driver();
     void run();
     bool exchange_once();
+    ::Protocol *take_request();
+    WireOutcome send_request(const Request &r);
+    WireOutcome broadcast(const Request &r);
+    int hand_to_driver(const WireOutcome &wire);
+    bool count_outcome(const ReplyEvent &ev, const WireOutcome &wire);
+    void deliver_callbacks(bool hooks);
+    bool pace(const ReplyEvent &ev, bool pass_done);
+    void give_up_pending();
     void apply_tags_locked();
+    void rebuild_cyclic_list(const std::vector<Tag> &tags);
+    void append_read_block(int kind, int start, int count, int station);
     void apply_pending(std::unique_lock<std::mutex> &lock);
     int route(int station) const;
-    bool ensure_connected(size_t index);
-    bool try_connect(size_t index, std::string *error);
-    void close_connection(size_t index, bool dropped);
-    bool ready_to_send(size_t index);
-    size_t drain(size_t index);
-    void resynchronise(size_t index);
-    void count_foreign(uint64_t frames);
-    struct Received;
-    Received receive_modbus(Connection &c, const std::vector<uint8_t> &request, size_t expected,
-                            std::chrono::steady_clock::time_point deadline, std::vector<uint8_t> *reply);
-    Received receive_remote(Connection &c, size_t expected, std::chrono::steady_clock::time_point deadline,
-                            std::vector<uint8_t> *reply);
-    bool transact(size_t index, const std::vector<uint8_t> &frame, int reply_len, std::vector<uint8_t> *reply,
-                  bool *timed_out);
     bool sleep_for(std::chrono::milliseconds d, bool wake_on_kick);
+    bool stopping() const;
     void kick();
     void record_rtt(double ms);
     void notify_done(int source_type, int source_id, int result);
@@ -233,7 +243,8 @@ private:
     friend struct CallbackBridge;
 
     HostConfig config_;
-    std::vector<std::unique_ptr<Connection>> connections_;
+    std::unique_ptr<LinkCounters> link_counters_;
+    std::vector<std::unique_ptr<Link>> links_; // one per endpoint
     std::unique_ptr<::ComInfo> com_info_;
     std::vector<uint8_t> local_bits_, local_words_, local_third_;
 
@@ -263,32 +274,8 @@ private:
     static constexpr size_t kKeptResults = 4096;
     int next_source_id_ = 1;
 
-    // Callback events collected inside DataCom (where the driver holds its
-    // list lock) and delivered after it returns.
-    struct CallbackEvent {
-        bool write_done;
-        int handle, source_type, source_id, result;
-    };
-    std::vector<CallbackEvent> events_;
+    std::vector<CallbackEvent> events_; // collected inside DataCom, delivered after it
 };
-
-// Value layout helpers for the driver's buffers.
-//
-// Number of values a read of `count` units of `kind` yields: bits for 0, 1, 5;
-// bytes for 6..8; words for 2..4; 32-bit values (count+1)/2 for 9..11;
-// 64-bit values (count+3)/4 for 12..14.
-int value_count(int kind, int count);
-// Turns GetRegisterData's bytes into values (bits 0/1, bytes, words, dwords, qwords).
-std::vector<uint64_t> decode_values(int kind, int count, const std::vector<uint8_t> &bytes);
-// Builds SetRegisterData's input for the given values and the count (in the
-// unit of the kind) that covers them. False for read-only or unknown kinds.
-bool encode_values(int kind, const std::vector<uint64_t> &values, std::vector<uint8_t> *bytes, int *count);
-// True for the kinds the driver can write (1, 3, 4, 5, 7, 8, 10, 11, 13, 14).
-bool kind_writable(int kind);
-// Width of one value of a kind in bits (1, 8, 16, 32 or 64); 0 if unknown.
-int value_bits(int kind);
-// Human name of a kind, e.g. "holding register".
-const char *kind_name(int kind);
 
 } // namespace plchost
 

@@ -132,26 +132,43 @@ int Host::hand_to_driver(const WireOutcome &wire)
     return DataCom(&reply, reply.size())->status;
 }
 
+// Adds one outcome to a set of figures (the totals or one station's).
+template <typename Figures> void tally(Figures &f, int status, const WireOutcome &wire)
+{
+    if (wire.sent)
+        ++f.requests;
+    if (wire.timed_out)
+        ++f.timeouts;
+    if (wire.rtt_ms >= 0) {
+        if (f.rtt_samples == 0 || wire.rtt_ms < f.rtt_min_ms)
+            f.rtt_min_ms = wire.rtt_ms;
+        f.rtt_max_ms = std::max(f.rtt_max_ms, wire.rtt_ms);
+        f.rtt_sum_ms += wire.rtt_ms;
+        ++f.rtt_samples;
+    }
+    if (is_good(status)) {
+        ++f.good_replies;
+        return;
+    }
+    ++f.failed_replies;
+    if (status == 0)
+        ++f.retries; // the driver sends it again
+    else
+        ++f.give_ups;
+}
+
 // Counts one outcome. True when it ended a full pass over the cyclic list.
 bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (wire.sent)
-        ++stats_.requests;
-    if (wire.timed_out)
-        ++stats_.timeouts;
-    if (wire.rtt_ms >= 0)
-        record_rtt(wire.rtt_ms);
+    tally(stats_, ev.status, wire);
+    StationStats &station = stats_.stations[ev.station];
+    tally(station, ev.status, wire);
+    if (is_good(ev.status))
+        station.failing = false;
+    else if (ev.status != 0)
+        station.failing = true;
     ++stats_.codes[ev.status];
-    if (is_good(ev.status)) {
-        ++stats_.good_replies;
-    } else {
-        ++stats_.failed_replies;
-        if (ev.status == 0)
-            ++stats_.retries; // the driver sends it again
-        else
-            ++stats_.give_ups;
-    }
     if (!is_good(ev.status) || com_info_->cycle_done != 1)
         return false;
     if (cyclic_entries_.load() == 0) {

@@ -387,14 +387,37 @@ bool Host::wait_passes(uint64_t count, std::chrono::milliseconds timeout)
 void Host::enable_station(int station, bool enable)
 {
     EnCommStation(station, enable ? 1 : 0);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        // As the driver's table: a negative station switches every station on.
+        if (station < 0)
+            switched_off_.clear();
+        else if (enable)
+            switched_off_.erase(station);
+        else
+            switched_off_.insert(station);
+    }
     kick();
+}
+
+bool Host::station_failing(int station) const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (switched_off_.count(station))
+        return true;
+    auto it = stats_.stations.find(station);
+    return it != stats_.stations.end() && it->second.failing;
 }
 
 Stats Host::stats() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
     Stats s = stats_;
-    s.rtt_avg_ms = s.rtt_samples ? rtt_sum_ms_ / double(s.rtt_samples) : 0.0;
+    s.rtt_avg_ms = s.rtt_samples ? s.rtt_sum_ms / double(s.rtt_samples) : 0.0;
+    for (auto &entry : s.stations) {
+        StationStats &st = entry.second;
+        st.rtt_avg_ms = st.rtt_samples ? st.rtt_sum_ms / double(st.rtt_samples) : 0.0;
+    }
     s.stale_bytes = link_counters_->stale_bytes.load();
     s.foreign_replies = link_counters_->foreign_replies.load();
     s.resyncs = link_counters_->resyncs.load();
@@ -453,16 +476,6 @@ void Host::notify_done(int source_type, int source_id, int result)
     else
         ++stats_.write_done_failed;
     done_cv_.notify_all();
-}
-
-void Host::record_rtt(double ms)
-{
-    if (stats_.rtt_samples == 0 || ms < stats_.rtt_min_ms)
-        stats_.rtt_min_ms = ms;
-    if (ms > stats_.rtt_max_ms)
-        stats_.rtt_max_ms = ms;
-    rtt_sum_ms_ += ms;
-    ++stats_.rtt_samples;
 }
 
 int Host::route(int station) const

@@ -21,6 +21,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -79,6 +80,20 @@ struct Tag {
 
 // What the host has seen since start. Round-trip times cover requests that
 // got at least one reply byte.
+// One station's share of the traffic. Round-trip times run from before the
+// send to the last byte of the reply, over requests that got one.
+struct StationStats {
+    uint64_t requests = 0;       // frames sent
+    uint64_t good_replies = 0;   // DataCom codes 1 and 100
+    uint64_t failed_replies = 0; // every other code (retries and give-ups)
+    uint64_t retries = 0;        // failures the driver will retry
+    uint64_t give_ups = 0;       // requests the driver gave up
+    uint64_t timeouts = 0;       // requests that got nothing handed to the driver
+    double rtt_min_ms = 0, rtt_avg_ms = 0, rtt_max_ms = 0, rtt_sum_ms = 0;
+    uint64_t rtt_samples = 0;
+    bool failing = false; // a request was given up and no good reply came since
+};
+
 struct Stats {
     uint64_t requests = 0;       // frames sent (and station-0 writes handed over)
     uint64_t good_replies = 0;   // DataCom codes 1 and 100
@@ -95,9 +110,10 @@ struct Stats {
     uint64_t write_done_ok = 0;     // write-done callbacks with result 1
     uint64_t write_done_failed = 0; // write-done callbacks with result 2
     uint64_t read_done = 0;         // read-done (communication failed) callbacks
-    double rtt_min_ms = 0, rtt_avg_ms = 0, rtt_max_ms = 0;
+    double rtt_min_ms = 0, rtt_avg_ms = 0, rtt_max_ms = 0, rtt_sum_ms = 0;
     uint64_t rtt_samples = 0;
-    std::map<int, uint64_t> codes; // DataCom return code -> how often
+    std::map<int, uint64_t> codes;        // DataCom return code -> how often
+    std::map<int, StationStats> stations; // by station, the stations requests went to
 };
 
 // One DataCom outcome, reported to the reply hook on the communication thread.
@@ -201,6 +217,9 @@ public:
     bool wait_passes(uint64_t count, std::chrono::milliseconds timeout);
 
     void enable_station(int station, bool enable);
+    // Whether a station's values cannot be trusted to be current: switched
+    // off, or a request to it was given up and no good reply came since.
+    bool station_failing(int station) const;
 
     Stats stats() const;
     bool connected(size_t endpoint) const;
@@ -237,7 +256,7 @@ private:
     bool sleep_for(std::chrono::milliseconds d, bool wake_on_kick);
     bool stopping() const;
     void kick();
-    void record_rtt(double ms);
+
     void notify_done(int source_type, int source_id, int result);
 
     friend struct CallbackBridge;
@@ -268,7 +287,7 @@ private:
     std::vector<ReadBlock> pending_blocks_; // added after the pending tags
     std::atomic<int> cyclic_entries_{0};    // entries of the driver's cyclic list
     Stats stats_;
-    double rtt_sum_ms_ = 0;
+    std::set<int> switched_off_;                 // stations switched off by enable_station()
     std::map<std::pair<int, int>, int> done_;    // (source_type, source_id) -> result, until wait_done takes it
     std::deque<std::pair<int, int>> done_order_; // done_'s keys, oldest first
     static constexpr size_t kKeptResults = 4096;

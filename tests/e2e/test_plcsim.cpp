@@ -245,6 +245,43 @@ TEST(HostPlcsim, SwitchedOffStationReceivesNothing)
     std::remove(log.c_str());
 }
 
+// Per-station figures: a station plcsim serves answers every request; one it
+// does not serve gets exception 0x0B, which the driver fails on its length,
+// retries and gives up. That station is failing until a good reply comes, and
+// a switched-off station counts as failing.
+TEST(HostPlcsim, FiguresAndFailingPerStation)
+{
+    REQUIRE_PLCSIM();
+    PlcsimProcess sim(kPlcsim, {"--static", "--stations", "1"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    auto cfg = config_for(sim.modbus_port());
+    cfg.retry_limit = 1;
+    Host host(cfg);
+    host.set_tags({tag(4, "0", 2, 1), tag(4, "0", 2, 7)});
+    ASSERT_TRUE(host.start(true, &error)) << error;
+    ASSERT_TRUE(eventually([&] { return host.stats().stations[7].give_ups >= 2; }));
+    const auto s = host.stats();
+    const auto &one = s.stations.at(1), &seven = s.stations.at(7);
+    EXPECT_GT(one.good_replies, 0u);
+    EXPECT_EQ(one.failed_replies, 0u);
+    EXPECT_EQ(one.requests, one.good_replies);
+    EXPECT_GT(one.rtt_samples, 0u);
+    EXPECT_LE(one.rtt_min_ms, one.rtt_avg_ms);
+    EXPECT_LE(one.rtt_avg_ms, one.rtt_max_ms);
+    EXPECT_EQ(seven.good_replies, 0u);
+    EXPECT_GE(seven.retries, seven.give_ups - 1) << "retry limit 1: a retry before every give-up";
+    EXPECT_EQ(seven.failed_replies, seven.retries + seven.give_ups);
+    EXPECT_EQ(seven.timeouts, 0u) << "an exception reply is a reply";
+    EXPECT_EQ(s.requests, one.requests + seven.requests);
+    EXPECT_FALSE(host.station_failing(1));
+    EXPECT_TRUE(host.station_failing(7));
+    host.enable_station(1, false);
+    EXPECT_TRUE(host.station_failing(1)) << "switched off";
+    host.enable_station(-1, true);
+    EXPECT_FALSE(host.station_failing(1));
+}
+
 TEST(HostPlcsim, PeerStoppedThenRestartedOnTheSamePort)
 {
     REQUIRE_PLCSIM();

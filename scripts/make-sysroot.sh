@@ -70,10 +70,12 @@ bash "$root/scripts/install-deps.sh" sysroot
 # The security archive is left out: its indexes of other architectures are
 # often caught mid-sync, and apt in mmdebstrap stops on any index it cannot
 # fetch.
-mirror=$(grep -hoE '^(URIs:|deb) +[^ ]+' /etc/apt/sources.list.d/*.sources /etc/apt/sources.list 2>/dev/null |
-  awk '{print $2}' | grep -v security | head -1 || true)
+# One-line entries may carry options in brackets ("deb [signed-by=...] URL"),
+# and may sit in sources.list.d/*.list as well as in sources.list.
+mirror=$(cat /etc/apt/sources.list /etc/apt/sources.list.d/*.list /etc/apt/sources.list.d/*.sources 2>/dev/null |
+  sed -E 's/\[[^]]*\] *//' | grep -oE '^(URIs:|deb) +[^ ]+' | awk '{print $2}' | grep -v security | head -1 || true)
 [[ -n $mirror ]] || {
-  echo "make-sysroot: no Debian mirror found in /etc/apt/sources.list or /etc/apt/sources.list.d/*.sources" >&2
+  echo "make-sysroot: no Debian mirror found in /etc/apt/sources.list or /etc/apt/sources.list.d/" >&2
   exit 1
 }
 sources="deb $mirror bookworm main

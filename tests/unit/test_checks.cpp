@@ -2,7 +2,7 @@
 // the test that a reply belongs to the request at the head of the queue.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <QByteArray>
 #include <limits>
@@ -185,14 +185,8 @@ TEST(ASCIIToDigital, RangesAroundTheDigits)
 
 // ---- CheckGetData ----
 
-class CheckGetDataTest : public ::testing::Test {
+class CheckGetDataTest : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info_ = make_com_info();
-        reset_driver(&info_);
-    }
-
     // Queues a request whose frame starts with the given two bytes.
     void queue(uchar b0, uchar b1, int station, int rw_flag)
     {
@@ -216,8 +210,6 @@ protected:
             r[1] = char(b1);
         return r;
     }
-
-    ComInfo info_;
 };
 
 TEST_F(CheckGetDataTest, SevenByteReplyIsRejected)

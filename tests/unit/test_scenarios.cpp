@@ -4,7 +4,7 @@
 // values through GetRegisterData.
 #include <gtest/gtest.h>
 
-#include "exchange_test_support.h"
+#include "driver_fixture.h"
 #include "plc_model.h"
 
 #include <cstdlib>
@@ -39,18 +39,8 @@ int write_value(int kind, const char *address, int station, const QByteArray &va
                            source_id);
 }
 
-class Scenario : public ::testing::Test {
+class Scenario : public ExchangeTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(nullptr);
-        SetComInfo(&info);
-        callback_events().clear();
-        RegistCallBackFuncIntf(record_write_done, record_read_done);
-    }
-    void TearDown() override { reset_driver(nullptr); }
-
     // One exchange: the request to send, the PLC's answer, the result.
     // Returns the status of the result record, or -1000 when nothing was sent;
     // sent receives a copy of the request (the driver frees its own).
@@ -72,8 +62,6 @@ protected:
         QByteArray r = bytes_in;
         return DataCom(&r, length)->status;
     }
-
-    ComInfo info;
 };
 
 // ------------------------------------------------------------ scenarios

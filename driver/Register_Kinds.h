@@ -116,6 +116,7 @@ struct KindInfo {
 
 constexpr int kKindCount = 15;
 
+namespace rows { // short names for the table's columns
 using U = Unit;
 using W = WriteMethod;
 using B = BlockRule;
@@ -136,6 +137,8 @@ constexpr KindInfo kKinds[kKindCount] = {
     {REG_KIND_QWORD_3, CLASS_HOLDING_REGISTERS, U::QuadWord, U::Word, W::Registers, B::AtMost25, "qword (class 3)"},
     {REG_KIND_QWORD_4, CLASS_WORDS, U::QuadWord, U::Word, W::Registers, B::AtMost25, "qword (class 4)"},
 };
+} // namespace rows
+using rows::kKinds;
 
 constexpr bool table_is_in_kind_order()
 {

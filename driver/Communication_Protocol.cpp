@@ -258,7 +258,7 @@ enum ReplyOutcome : int {
 const int kCodeGood = 1;
 const int kCodeRemoteNotStored = 100;
 const int kCodeUnknownOutcome = 200;
-const int kErrorBase[] = {0, 10, 40, 70, 0, 110, 140, 170}; // by ReplyOutcome
+const int kErrorBase[] = {0, 10, 40, 70, 0, 110, 140, 170}; // by ReplyOutcome; 0 for the good ones
 // Requester kinds 1..kRequesterKinds each have their own code in a family.
 const int kRequesterKinds = 11;
 // A reply_len that accepts a reply of any length.

@@ -5,11 +5,10 @@
 // five register classes its Modbus table, read function and address offset.
 //
 // The driver's frame builders, mirror and data access ask these helpers
-// instead of testing kind numbers, and the reference host and its tools read
-// the same table. The PLC simulator keeps a description of its own on
-// purpose: it checks the driver's frames from outside.
-//
-// Header-only and constexpr; it needs nothing but enum PlcRegKind.
+// instead of testing kind numbers. Header-only and constexpr, needing nothing
+// but enum PlcRegKind, so that the reference host and its tools can read the
+// same table. The PLC simulator keeps a description of its own on purpose:
+// it checks the driver's frames from outside.
 #ifndef PLCDRIVER_REGISTER_KINDS_H
 #define PLCDRIVER_REGISTER_KINDS_H
 

@@ -10,13 +10,29 @@
 
 #include <cstring>
 
+namespace {
+
+// The list whose head the request in flight was built for (last_list).
+enum ServedList : qint32 {
+    kServedCyclic = 0,
+    kServedWrite = 1,
+    kServedOnce = 2,
+    kServedNone = 100, // nothing served yet
+};
+
+// status of a cyclic entry: its read in flight, or not.
+const qint32 kInFlight = -1;
+const qint32 kNotInFlight = 0;
+
+} // namespace
+
 // The one driver object: constructed when the library is loaded, destroyed
 // when it is unloaded.
 Communication_Protocol PLC_driver;
 
 Communication_Protocol::Communication_Protocol()
-    : com_info(nullptr), write_done_cb(nullptr), read_done_cb(nullptr), last_list(100), write_burst(0), once_burst(0),
-      cycle_count(0), comm_failed(false), spare_flag(false)
+    : com_info(nullptr), write_done_cb(nullptr), read_done_cb(nullptr), last_list(kServedNone), write_burst(0),
+      once_burst(0), cycle_count(0), comm_failed(false), spare_flag(false)
 {
     spare_list.clear();
     // The scratch buffer starts zeroed so that a frame which keeps bytes of
@@ -31,69 +47,45 @@ Communication_Protocol::~Communication_Protocol() = default;
 
 qint32 Communication_Protocol::get_plc_reg(qint32 kind)
 {
-    switch (kind) {
-    case 2:
-    case 6:
-    case 9:
-    case 12: return 2;
-    case 3:
-    case 7:
-    case 10:
-    case 13: return 3;
-    case 4:
-    case 5:
-    case 8:
-    case 11:
-    case 14: return 4;
-    default: return kind;
-    }
+    return plckinds::is_known_kind(kind) ? plckinds::class_of(kind) : kind;
 }
 
 void Communication_Protocol::update_rw_var(RW_VAR *var)
 {
+    using plckinds::Layout;
     // 64-bit intermediates so that extreme counts wrap instead of overflowing.
     const qint64 a = var->start_addr;
     const qint64 n = var->count;
-    switch (var->reg_kind) {
-    case 0:
-    case 1: // bits to bytes, kind kept
+    switch (plckinds::layout(var->reg_kind)) {
+    case Layout::Bits: // to bytes of the bit class
         var->start_addr = qint32(a >> 3);
         var->count = qint32(((a & 7) + n + 7) >> 3);
         break;
-    case 5: // bits to class-4 words
-        var->reg_kind = 4;
+    case Layout::BitInWord: // to the registers holding the bits
         var->start_addr = qint32(a >> 4);
         var->count = qint32(((a & 15) + n + 15) >> 4);
         break;
-    case 6:
-    case 7:
-    case 8: // bytes to words
-        var->reg_kind = get_plc_reg(var->reg_kind);
+    case Layout::ByteInWord: // to the registers holding the bytes
         var->start_addr = qint32(a >> 1);
         var->count = qint32(((a & 1) + n + 1) / 2);
         break;
-    case 9:
-    case 10:
-    case 11: // 32-bit values: address doubled, count only made even
-        var->reg_kind = get_plc_reg(var->reg_kind);
-        var->start_addr = qint32(quint32(a) * 2u);
-        var->count = qint32(((n + 1) / 2) * 2);
+    case Layout::Values: { // the address is scaled to registers; the count,
+        // already in registers, is only rounded up to whole values
+        const int w = plckinds::words_per_value(var->reg_kind);
+        var->start_addr = qint32(quint32(a) * quint32(w));
+        var->count = qint32(((n + w - 1) / w) * w);
         break;
-    case 12:
-    case 13:
-    case 14: // 64-bit values: address times 4, count a multiple of 4
-        var->reg_kind = get_plc_reg(var->reg_kind);
-        var->start_addr = qint32(quint32(a) * 4u);
-        var->count = qint32(((n + 3) / 4) * 4);
-        break;
-    default: break;
     }
+    case Layout::Words:
+    case Layout::None: break;
+    }
+    // Bit kinds keep their kind (now in bytes); the others become their class's own kind.
+    var->reg_kind = plckinds::read_kind(var->reg_kind);
 }
 
 qint32 Communication_Protocol::get_offset_add(qint32 cls)
 {
-    static const qint32 offsets[4] = {0x6000, 0xA000, 0x8000, 0xA000};
-    return quint32(cls) < 4u ? offsets[cls] : 0;
+    return plckinds::class_offset(cls);
 }
 
 namespace {
@@ -158,11 +150,64 @@ bool Ethernetcontains(int station)
 
 namespace {
 
+// Writes, and one-shot reads, go at most this many in a row before a cyclic
+// read gets its turn.
+const int kMaxBurst = 5;
+
 // Drops the disabled-station entries at the head of a write or one-shot list.
 void drop_disabled_head(QList<RW_VAR> &list)
 {
     while (!list.isEmpty() && Ethernetcontains(list.first().station))
         list.removeFirst();
+}
+
+// Queues the request of one entry on the current link.
+void build_request(RW_VAR &var, bool write, bool modbus)
+{
+    if (write && modbus)
+        write_register(&var);
+    else if (write)
+        Remote_WriteVar(&var);
+    else if (modbus)
+        read_register(&var);
+    else
+        Remote_ReadVar(&var);
+}
+
+// Serves the head of the write or the one-shot list unless its burst is
+// used up; false when it served nothing.
+bool serve_burst(QList<RW_VAR> &list, qint32 &burst, ServedList which, bool modbus)
+{
+    if (list.isEmpty() || burst >= kMaxBurst)
+        return false;
+    drop_disabled_head(list);
+    if (list.isEmpty())
+        return false;
+    RW_VAR var = list.first();
+    build_request(var, which == kServedWrite, modbus);
+    PLC_driver.last_list = which;
+    ++burst;
+    return true;
+}
+
+// Serves the first cyclic entry of an enabled station, rotating the
+// disabled ones to the end; a cyclic read ends both bursts.
+void serve_cyclic(bool modbus)
+{
+    Communication_Protocol &d = PLC_driver;
+    if (d.read_list.isEmpty())
+        return;
+    for (int n = d.read_list.size(); Ethernetcontains(d.read_list.first().station);) {
+        d.read_list.append(d.read_list.takeFirst());
+        if (--n == 0)
+            return; // every station is off
+    }
+    RW_VAR var = d.read_list.first();
+    d.read_list.first().status = kInFlight;
+    build_request(var, false, modbus);
+    d.last_list = kServedCyclic;
+    d.write_burst = 0;
+    d.once_burst = 0;
 }
 
 } // namespace
@@ -178,56 +223,9 @@ extern "C" Protocol *ComCommunication()
 
     DriverLock lock(d.list_mutex);
     const bool modbus = d.com_info->link_mode == 0;
-
-    bool chosen = false;
-    if (!d.write_list.isEmpty() && d.write_burst <= 4) {
-        drop_disabled_head(d.write_list);
-        if (!d.write_list.isEmpty()) {
-            RW_VAR var = d.write_list.first();
-            if (modbus)
-                write_register(&var);
-            else
-                Remote_WriteVar(&var);
-            d.last_list = 1;
-            ++d.write_burst;
-            chosen = true;
-        }
-    }
-    if (!chosen && !d.once_read_list.isEmpty() && d.once_burst <= 4) {
-        drop_disabled_head(d.once_read_list);
-        if (!d.once_read_list.isEmpty()) {
-            RW_VAR var = d.once_read_list.first();
-            if (modbus)
-                read_register(&var);
-            else
-                Remote_ReadVar(&var);
-            d.last_list = 2;
-            ++d.once_burst;
-            chosen = true;
-        }
-    }
-    if (!chosen && !d.read_list.isEmpty()) {
-        int n = d.read_list.size();
-        bool all_disabled = false;
-        while (Ethernetcontains(d.read_list.first().station)) {
-            d.read_list.append(d.read_list.takeFirst());
-            if (--n == 0) {
-                all_disabled = true;
-                break;
-            }
-        }
-        if (!all_disabled) {
-            RW_VAR var = d.read_list.first();
-            d.read_list.first().status = -1;
-            if (modbus)
-                read_register(&var);
-            else
-                Remote_ReadVar(&var);
-            d.last_list = 0;
-            d.write_burst = 0;
-            d.once_burst = 0;
-        }
-    }
+    if (!serve_burst(d.write_list, d.write_burst, kServedWrite, modbus) &&
+        !serve_burst(d.once_read_list, d.once_burst, kServedOnce, modbus))
+        serve_cyclic(modbus);
 
     if (d.request_queue.isEmpty()) {
         d.write_burst = 0;
@@ -240,18 +238,46 @@ extern "C" Protocol *ComCommunication()
 
 // ---------------------------------------------------------------- replies
 
+namespace {
+
+// What an area handler makes of a reply; GetDriverReturnValue turns it into
+// the driver return code.
+enum ReplyOutcome : int {
+    kOutcomeGood = 0,
+    kOutcomeLocalBadContent = 1,
+    kOutcomeLocalNoReply = 2,
+    kOutcomeLocalBadLength = 3,
+    kOutcomeRemoteNotStored = 4, // good, but nothing stored (or a repeated reply)
+    kOutcomeRemoteBadContent = 5,
+    kOutcomeRemoteNoReply = 6,
+    kOutcomeRemoteBadLength = 7,
+};
+
+// Return codes: the two that count as success, the one of an unknown
+// outcome, and the base of each error family (the requester's kind is added).
+const int kCodeGood = 1;
+const int kCodeRemoteNotStored = 100;
+const int kCodeUnknownOutcome = 200;
+const int kErrorBase[] = {0, 10, 40, 70, 0, 110, 140, 170}; // by ReplyOutcome; 0 for the good ones
+// Requester kinds 1..kRequesterKinds each have their own code in a family.
+const int kRequesterKinds = 11;
+// A reply_len that accepts a reply of any length.
+const int kAnyLength = -1;
+
+} // namespace
+
 int GetDriverReturnValue(int outcome)
 {
     switch (outcome) {
-    case 0: return 1;
-    case 1: return SwitchErrorReturn(10);
-    case 2: return SwitchErrorReturn(40);
-    case 3: return SwitchErrorReturn(70);
-    case 4: return 100;
-    case 5: return SwitchErrorReturn(110);
-    case 6: return SwitchErrorReturn(140);
-    case 7: return SwitchErrorReturn(170);
-    default: return 200;
+    case kOutcomeGood: return kCodeGood;
+    case kOutcomeRemoteNotStored: return kCodeRemoteNotStored;
+    case kOutcomeLocalBadContent:
+    case kOutcomeLocalNoReply:
+    case kOutcomeLocalBadLength:
+    case kOutcomeRemoteBadContent:
+    case kOutcomeRemoteNoReply:
+    case kOutcomeRemoteBadLength: return SwitchErrorReturn(kErrorBase[outcome]);
+    default: return kCodeUnknownOutcome;
     }
 }
 
@@ -259,23 +285,23 @@ int SwitchErrorReturn(int base)
 {
     const QList<Protocol> &q = PLC_driver.request_queue;
     const int type = q.isEmpty() ? 0 : q.first().var.source_type;
-    if (type >= 1 && type <= 11)
+    if (type >= 1 && type <= kRequesterKinds)
         return base + type + 1;
     return base + 1;
 }
 
 namespace {
 
-// Outcome of the length check shared by both area handlers: 0 passed,
-// otherwise the no-reply or the length outcome given.
-int length_outcome(int length, int no_reply_outcome, int length_error_outcome)
+// The length check shared by both area handlers: kOutcomeGood when it
+// passed, otherwise the handler's no-reply or bad-length outcome.
+ReplyOutcome length_outcome(int length, ReplyOutcome no_reply, ReplyOutcome bad_length)
 {
     const int expected = PLC_driver.request_queue.first().reply_len;
     if (length == 0 && expected != 0)
-        return no_reply_outcome;
-    if (length != 0 && length != expected && expected != -1)
-        return length_error_outcome;
-    return 0;
+        return no_reply;
+    if (length != 0 && length != expected && expected != kAnyLength)
+        return bad_length;
+    return kOutcomeGood;
 }
 
 // The reply to judge: a missing one is judged as an empty one, none, which
@@ -292,16 +318,15 @@ QByteArray *reply_or(QByteArray *reply, QByteArray *none)
 int DealDataOfLocalArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
-        return GetDriverReturnValue(2);
+        return GetDriverReturnValue(kOutcomeLocalNoReply);
     QByteArray none;
     reply = reply_or(reply, &none);
-    if (const int outcome = length_outcome(length, 2, 3))
+    if (const ReplyOutcome outcome = length_outcome(length, kOutcomeLocalNoReply, kOutcomeLocalBadLength))
         return GetDriverReturnValue(outcome);
 
     const int verdict = CheckGetData(reply, length);
-    if (verdict == 1) {
-        const int marker = PLC_driver.request_queue.first().var.ext_param1;
-        if (marker == -1 || marker == -2) {
+    if (verdict == kReplyStore) {
+        if (is_rmw_read(PLC_driver.request_queue.first().var.ext_param1)) {
             // The read of a read-modify-write patches the waiting write frame
             // and touches no mirror entry, so the mirror lock is not needed;
             // the completion takes list_mutex itself to read the write list.
@@ -310,36 +335,47 @@ int DealDataOfLocalArea(QByteArray *reply, int length)
             DriverLock lock(PLC_driver.area_mutex);
             save_to_local_data_erea(reply);
         }
-        return GetDriverReturnValue(0);
+        return GetDriverReturnValue(kOutcomeGood);
     }
-    if (verdict == 2)
-        return GetDriverReturnValue(0);
-    return GetDriverReturnValue(1);
+    if (verdict == kReplyNothingToStore)
+        return GetDriverReturnValue(kOutcomeGood);
+    return GetDriverReturnValue(kOutcomeLocalBadContent);
 }
 
 int DealDataOfRemoteArea(QByteArray *reply, int length)
 {
     if (PLC_driver.request_queue.isEmpty())
-        return GetDriverReturnValue(6);
+        return GetDriverReturnValue(kOutcomeRemoteNoReply);
     QByteArray none;
     reply = reply_or(reply, &none);
-    if (const int outcome = length_outcome(length, 6, 7))
+    if (const ReplyOutcome outcome = length_outcome(length, kOutcomeRemoteNoReply, kOutcomeRemoteBadLength))
         return GetDriverReturnValue(outcome);
 
     const int verdict = CheckGetData(reply, length);
-    if (verdict != 1 && verdict != 2)
-        return GetDriverReturnValue(5);
-    if (PLC_driver.request_queue.first().var.ext_param1 != -1)
-        return GetDriverReturnValue(4);
+    if (verdict != kReplyStore && verdict != kReplyNothingToStore)
+        return GetDriverReturnValue(kOutcomeRemoteBadContent);
+    if (PLC_driver.request_queue.first().var.ext_param1 != kRmwBitRead)
+        return GetDriverReturnValue(kOutcomeRemoteNotStored);
     // Only the marked read of a bit write gets here; its store patches the
     // waiting write frame and leaves the mirror alone.
     save_to_local_data_erea(reply);
     if (PLC_driver.com_info && PLC_driver.com_info->replies_received == 1)
-        return GetDriverReturnValue(4);
-    return GetDriverReturnValue(0);
+        return GetDriverReturnValue(kOutcomeRemoteNotStored);
+    return GetDriverReturnValue(kOutcomeGood);
 }
 
 namespace {
+
+// Results reported through write_done_cb, and the flag of read_done_cb
+// after a give-up.
+const int kWriteDone = 1;
+const int kWriteFailed = 2;
+const int kReadFailedFlag = 1;
+
+bool is_success(int code)
+{
+    return code == kCodeGood || code == kCodeRemoteNotStored;
+}
 
 // Finishes the head of a write or one-shot list: reports to the runtime and
 // moves the head into ret_var.
@@ -351,7 +387,7 @@ void finish_head(QList<RW_VAR> &list, bool callback)
     const RW_VAR &head = list.first();
     if (callback && d.write_done_cb) {
         if (comm_failed_get()) {
-            d.write_done_cb(d.com_info->host_handle, head.source_type, head.source_id, 2);
+            d.write_done_cb(d.com_info->host_handle, head.source_type, head.source_id, kWriteFailed);
         } else {
             bool later = false;
             for (int i = 1; i < list.size() && !later; ++i) {
@@ -360,7 +396,7 @@ void finish_head(QList<RW_VAR> &list, bool callback)
                         e.link_id == d.com_info->local_link_id;
             }
             if (!later)
-                d.write_done_cb(d.com_info->host_handle, head.source_type, head.source_id, 1);
+                d.write_done_cb(d.com_info->host_handle, head.source_type, head.source_id, kWriteDone);
         }
     }
     passRetValue(list.first(), d.ret_var);
@@ -380,6 +416,75 @@ void purge_requester(QList<RW_VAR> &list)
     }
 }
 
+// A failed reply: counts it; past the retry limit gives the request up, with
+// every other queued request. True when it gave up.
+bool give_up_after_retries(ComInfo *info)
+{
+    Communication_Protocol &d = PLC_driver;
+    // Counters wrap instead of overflowing whatever the runtime left in them.
+    info->retry_count = qint32(quint32(info->retry_count) + 1u);
+    if (info->retry_count <= info->retry_limit)
+        return false;
+    d.cycle_count = 0;
+    comm_failed_set(true);
+    info->cycle_done = 0;
+    info->retry_count = 0;
+    d.request_queue.clear();
+    return true;
+}
+
+// A good reply: retires the request and counts the pass. True when the entry
+// it was built for has all the replies it needs.
+bool retire_request(ComInfo *info, bool local)
+{
+    Communication_Protocol &d = PLC_driver;
+    comm_failed_set(false);
+    info->replies_received = qint32(quint32(info->replies_received) + 1u);
+    const bool complete = info->replies_received >= info->replies_expected;
+    if (complete && local && info->cycle_done == 0) {
+        ++d.cycle_count;
+        if (d.cycle_count > d.read_list.size()) {
+            d.cycle_count = 0;
+            info->cycle_done = 1;
+        }
+    }
+    d.request_queue.removeFirst();
+    return complete;
+}
+
+// Finishes the entry the request was built for: a write or one-shot entry
+// leaves its list, a cyclic one goes to the end of the read list.
+void finish_served_entry(bool local)
+{
+    Communication_Protocol &d = PLC_driver;
+    switch (d.last_list) {
+    case kServedWrite: finish_head(d.write_list, true); break;
+    case kServedOnce: finish_head(d.once_read_list, local); break;
+    case kServedCyclic:
+        if (!d.read_list.isEmpty() && d.read_list.first().status == kInFlight) {
+            d.read_list.first().status = kNotInFlight;
+            passRetValue(d.read_list.first(), d.ret_var);
+            d.read_list.append(d.read_list.takeFirst());
+        }
+        break;
+    default: break;
+    }
+}
+
+// After a give-up: tells the runtime, and drops the requester's other entries.
+void report_give_up()
+{
+    Communication_Protocol &d = PLC_driver;
+    QList<RW_VAR> *failed = new QList<RW_VAR>();
+    if (d.read_done_cb)
+        d.read_done_cb(failed, d.ret_var.source_type, kReadFailedFlag);
+    if (d.last_list == kServedWrite)
+        purge_requester(d.write_list);
+    else if (d.last_list == kServedOnce)
+        purge_requester(d.once_read_list);
+    delete failed;
+}
+
 } // namespace
 
 extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
@@ -387,7 +492,7 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
     Communication_Protocol &d = PLC_driver;
     {
         DriverLock lock(d.list_mutex);
-        d.ret_var.status = 1;
+        d.ret_var.status = kCodeGood; // unless a reply says otherwise
     }
     ComInfo *info = d.com_info;
     // No request in flight, or no runtime record to count against: nothing
@@ -399,61 +504,18 @@ extern "C" RW_VAR *DataCom(QByteArray *reply, int length)
     const int code = local ? DealDataOfLocalArea(reply, length) : DealDataOfRemoteArea(reply, length);
 
     DriverLock lock(d.list_mutex);
-    if (code != 1 && code != 100) {
-        // Counters wrap instead of overflowing whatever the runtime left in them.
-        info->retry_count = qint32(quint32(info->retry_count) + 1u);
-        if (info->retry_count <= info->retry_limit) {
-            d.ret_var.status = 0;
+    if (!is_success(code)) {
+        if (!give_up_after_retries(info)) {
+            d.ret_var.status = 0; // to be retried
             return &d.ret_var;
         }
-        // Give up: every queued request goes, the entry is finished as failed.
-        d.cycle_count = 0;
-        comm_failed_set(true);
-        info->cycle_done = 0;
-        info->retry_count = 0;
-        d.request_queue.clear();
-    } else {
-        comm_failed_set(false);
-        info->replies_received = qint32(quint32(info->replies_received) + 1u);
-        const bool complete = info->replies_received >= info->replies_expected;
-        if (complete && local && info->cycle_done == 0) {
-            ++d.cycle_count;
-            if (d.cycle_count > d.read_list.size()) {
-                d.cycle_count = 0;
-                info->cycle_done = 1;
-            }
-        }
-        d.request_queue.removeFirst();
-        if (!complete) {
-            d.ret_var.status = code;
-            return &d.ret_var;
-        }
+    } else if (!retire_request(info, local)) {
+        d.ret_var.status = code; // the second reply of a pair is still to come
+        return &d.ret_var;
     }
-
-    switch (d.last_list) {
-    case 1: finish_head(d.write_list, true); break;
-    case 2: finish_head(d.once_read_list, local); break;
-    case 0:
-        if (!d.read_list.isEmpty() && d.read_list.first().status == -1) {
-            d.read_list.first().status = 0;
-            passRetValue(d.read_list.first(), d.ret_var);
-            d.read_list.append(d.read_list.takeFirst());
-        }
-        break;
-    default: break;
-    }
-
-    if (comm_failed_get()) {
-        QList<RW_VAR> *failed = new QList<RW_VAR>();
-        if (d.read_done_cb)
-            d.read_done_cb(failed, d.ret_var.source_type, 1);
-        if (d.last_list == 1)
-            purge_requester(d.write_list);
-        else if (d.last_list == 2)
-            purge_requester(d.once_read_list);
-        delete failed;
-    }
-
+    finish_served_entry(local);
+    if (comm_failed_get())
+        report_give_up();
     d.ret_var.status = code;
     return &d.ret_var;
 }

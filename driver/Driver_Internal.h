@@ -4,8 +4,30 @@
 #define PLCDRIVER_DRIVER_INTERNAL_H
 
 #include "Communication_Protocol.h"
+#include "Register_Kinds.h"
 
 #include <QDateTime>
+
+// ext_param1 of the read that opens a read-modify-write pair (a bit or a
+// byte inside a register): its reply patches the write queued behind it and
+// leaves the mirror alone.
+enum RmwMarker : qint32 {
+    kRmwNone = 0,
+    kRmwBitRead = -1,
+    kRmwByteRead = -2,
+};
+
+inline bool is_rmw_read(qint32 ext_param1)
+{
+    return ext_param1 == kRmwBitRead || ext_param1 == kRmwByteRead;
+}
+
+// What CheckGetData makes of a reply.
+enum ReplyVerdict : int {
+    kReplyRejected = 0,       // it does not belong to the request in flight
+    kReplyStore = 1,          // it belongs to a read: store its data
+    kReplyNothingToStore = 2, // it belongs to a write, or to a broadcast
+};
 
 // ---- records and return codes (Communication_Protocol.cpp) ----
 
@@ -48,7 +70,7 @@ int CalLRC(unsigned char *buf, quint16 len);
 quint16 CalXOR(unsigned char *buf, quint16 len);
 int DigitalToASCII(int value);
 int ASCIIToDigital(int ch);
-// 0 reply does not match the request in flight, 1 store its data, 2 nothing to store.
+// A ReplyVerdict.
 int CheckGetData(QByteArray *reply, int length);
 
 // ---- frame builders (Func_Remote.cpp, Func_Read.cpp, Func_Write.cpp) ----
@@ -62,6 +84,13 @@ void write_analog(RW_VAR *var);
 // header, unit identifier and starting address into frame_buf, and queue the
 // first frame_len bytes of frame_buf (advancing the station's transaction id).
 void write_mbap(int station, int length_field, quint32 address);
+// The MBAP length field counts the bytes of a frame after its first six.
+const int kMbapLengthCounted = 6;
+// Data bytes of the reply to a read of count units of a kind: whole bytes of
+// bits for the bit kinds, two per register for the register kinds that name
+// their class, none for the others (they are converted before being read).
+// Wraps in 32 bits for absurd counts.
+quint32 read_data_len(int reg_kind, quint32 count);
 void queue_modbus_request(int frame_len, int reply_len, int reply_header_len, int data_len, const RW_VAR &var);
 
 // ---- mirror (Func_GetOrSetData.cpp) ----

@@ -68,16 +68,19 @@ int CheckGetData(QByteArray *reply, int length)
     Q_UNUSED(length); // the array's own size is what counts
     const QList<Protocol> &q = PLC_driver.request_queue;
     if (q.isEmpty())
-        return 0;
+        return kReplyRejected;
     const Protocol &head = q.first();
     if (head.var.station == 0)
-        return 2; // broadcast: any reply is accepted
+        return kReplyNothingToStore; // broadcast: any reply is accepted
     if (!reply)
-        return 0;
+        return kReplyRejected;
     reply->detach();
+    // Under the size of a Modbus TCP header and function code no reply is
+    // taken, on either link (so a remote read of under 3 data bytes never passes).
     if (reply->size() < 8)
-        return 0;
+        return kReplyRejected;
+    // The first two bytes echo the request's (the Modbus transaction id).
     if (byte_at(*reply, 0) != byte_at(head.frame, 0) || byte_at(*reply, 1) != byte_at(head.frame, 1))
-        return 0;
-    return head.var.rw_flag != 0 ? 2 : 1;
+        return kReplyRejected;
+    return head.var.rw_flag != 0 ? kReplyNothingToStore : kReplyStore;
 }

@@ -37,11 +37,11 @@ void save_to_local_data_erea(QByteArray *reply)
         return;
     const Protocol &head = d.request_queue.first();
     const RW_VAR &v = head.var;
-    if (v.ext_param1 == -1) {
+    if (v.ext_param1 == kRmwBitRead) {
         SpecialRegisterSave(reply);
         return;
     }
-    if (v.ext_param1 == -2) {
+    if (v.ext_param1 == kRmwByteRead) {
         SpecialRegisterSaveByte(reply);
         return;
     }
@@ -54,7 +54,7 @@ void save_to_local_data_erea(QByteArray *reply)
 
     // Bytes past the reply read as zero. The stores walk only the bytes that
     // arrived; the units past them are stored as one run of zeros.
-    if (v.reg_kind == 0 || v.reg_kind == 1) {
+    if (plckinds::is_bit_kind(v.reg_kind)) {
         const int whole = v.count >> 3;
         const int rest = v.count & 7;
         int pos = data_at;
@@ -75,7 +75,7 @@ void save_to_local_data_erea(QByteArray *reply)
             }
         }
         store_zero_run(d.bit_mirror, key, missing);
-    } else if (quint32(v.reg_kind - 2) <= 2u) {
+    } else if (plckinds::is_class_kind(v.reg_kind)) {
         // Registers arrive big-endian.
         const qint64 end = qint64(data_at) + head.data_len;
         qint64 pos = data_at;

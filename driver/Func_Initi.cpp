@@ -16,6 +16,9 @@ void *RWI = nullptr;
 
 namespace {
 const int kListCap = 2048;
+// A max_read_units above the largest accepted is replaced (by 100, not by the bound).
+const qint32 kMaxReadUnitsAccepted = 120;
+const qint32 kMaxReadUnitsReplacement = 100;
 
 int locked_size(const QList<RW_VAR> &list)
 {
@@ -30,8 +33,8 @@ extern "C" void SetComInfo(ComInfo *info)
 {
     const qint32 max_units = info->max_read_units;
     PLC_driver.com_info = info;
-    if (max_units > 120)
-        info->max_read_units = 100; // the replacement is 100, not the bound 120
+    if (max_units > kMaxReadUnitsAccepted)
+        info->max_read_units = kMaxReadUnitsReplacement;
     info->field52 = 0;
     info->field40 = 0;
 }
@@ -82,8 +85,8 @@ int parse_decimal(const QString &text, int from, int len, bool *ok)
 int StringAddressToInt(int reg_kind, const QString &address_text)
 {
     bool ok = false;
-    if (reg_kind == 0 || reg_kind == 1 || reg_kind == 5) {
-        // Bit kinds: "byte.bit", exactly one point (two parts, either may be
+    if (plckinds::is_bit_addressed(reg_kind)) {
+        // Bit-addressed kinds: "byte.bit", exactly one point (two parts, either may be
         // empty and then fails to parse); the bit part is not range-checked.
         const int dot = address_text.indexOf(QLatin1Char('.'));
         if (dot < 0 || address_text.indexOf(QLatin1Char('.'), dot + 1) >= 0)
@@ -112,14 +115,7 @@ extern "C" int PLCAddressChangeIntef(int reg_kind, const QString &address_text)
 
 int BlockLimitForKind(int reg_kind, int max_read_units)
 {
-    const int n = max_read_units;
-    if (quint32(reg_kind) < 2u) // bit kinds count bytes: twice the units, never past INT_MAX
-        return int(std::min<qint64>(2 * qint64(n), INT_MAX));
-    if (reg_kind >= 9 && reg_kind <= 11)
-        return n > 50 ? 50 : n;
-    if (quint32(reg_kind) - 12u <= 2u) // unsigned: every kind outside 12..14 lands above 2
-        return n > 25 ? 25 : n;
-    return n;
+    return plckinds::block_limit(reg_kind, max_read_units);
 }
 
 extern "C" int AddListReadVar(RW_VAR *var)

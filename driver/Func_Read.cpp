@@ -2,6 +2,13 @@
 #include "Communication_Protocol.h"
 #include "Driver_Internal.h"
 
+namespace {
+// A read request: MBAP header, function code, starting address, quantity.
+const int kReadRequestLen = 12;
+// Its reply: MBAP header, function code and byte count, then the data.
+const int kReadReplyHeaderLen = 9;
+} // namespace
+
 void queue_modbus_request(int frame_len, int reply_len, int reply_header_len, int data_len, const RW_VAR &var)
 {
     Communication_Protocol &d = PLC_driver;
@@ -38,38 +45,29 @@ void write_mbap(int station, int length_field, quint32 address)
     b[9] = uchar(address & 0xFF);
 }
 
+quint32 read_data_len(int reg_kind, quint32 count)
+{
+    if (plckinds::is_bit_kind(reg_kind))
+        return quint32(qint32(count + 7u) >> 3);
+    if (plckinds::is_class_kind(reg_kind))
+        return count * 2u;
+    return 0;
+}
+
 void read_register(const RW_VAR *var)
 {
+    const int kind = var->reg_kind;
+    // Other kinds are converted to their class's own kind before they get here.
+    if (!plckinds::is_class_kind(kind))
+        return;
     // Lengths wrap around in 32 bits rather than overflow for absurd counts.
-    const quint32 count = quint32(var->count);
-    const quint32 bit_bytes = quint32(qint32(count + 7u) >> 3);
-    int function = 0;
-    quint32 data_len = 0;
-    switch (var->reg_kind) {
-    case 0:
-        function = 2;
-        data_len = bit_bytes;
-        break;
-    case 1:
-        function = 1;
-        data_len = bit_bytes;
-        break;
-    case 2:
-        function = 4;
-        data_len = count * 2u;
-        break;
-    case 3:
-    case 4:
-        function = 3;
-        data_len = count * 2u;
-        break;
-    default: return; // other kinds are converted before they get here
-    }
+    const quint32 data_len = read_data_len(kind, quint32(var->count));
     unsigned char *b = PLC_driver.frame_buf;
-    write_mbap(var->station, 6,
-               quint32(var->start_addr) + quint32(Communication_Protocol::get_offset_add(var->reg_kind)));
-    b[7] = uchar(function);
+    write_mbap(var->station, kReadRequestLen - kMbapLengthCounted,
+               quint32(var->start_addr) + quint32(plckinds::modbus_offset(kind)));
+    b[7] = uchar(plckinds::read_function(kind));
     b[10] = uchar((quint32(var->count) >> 8) & 0xFF);
     b[11] = uchar(quint32(var->count) & 0xFF);
-    queue_modbus_request(12, int(9u + data_len), 9, int(data_len), *var);
+    queue_modbus_request(kReadRequestLen, int(quint32(kReadReplyHeaderLen) + data_len), kReadReplyHeaderLen,
+                         int(data_len), *var);
 }

@@ -5,6 +5,14 @@
 
 namespace {
 
+// A request: a 21-byte header, the data of a write, a check byte.
+const int kHeaderLen = 21;
+// A reply to a read: a 3-byte header, the data, 2 trailing bytes.
+const int kReadReplyHeaderLen = 3;
+const int kReadReplyTrailerLen = 2;
+// The reply to a write.
+const int kWriteReplyLen = 8;
+
 void put_be16(QByteArray &f, int at, quint32 v)
 {
     f[at] = char((v >> 8) & 0xFF);
@@ -22,7 +30,7 @@ void put_be32(QByteArray &f, int at, quint32 v)
 // Bytes 0..20 of a remote request; byte 0 is left as the placeholder 0.
 QByteArray remote_header(const RW_VAR &v)
 {
-    QByteArray f(21, '\0');
+    QByteArray f(kHeaderLen, '\0');
     f[1] = char(v.source_type & 0xFF);
     f[2] = char(v.rw_flag & 0xFF);
     f[3] = char(v.link_id & 0xFF);
@@ -62,18 +70,14 @@ void queue_request(const QByteArray &frame, int reply_len, int header_len, int d
 void Remote_ReadVar(RW_VAR *var)
 {
     QByteArray f = remote_header(*var);
-    f[0] = char(22);
-    f.append(sum_byte(f, 21));
+    f[0] = char(kHeaderLen + 1); // the frame's length
+    f.append(sum_byte(f, kHeaderLen));
 
     // Lengths are computed with 32-bit wrap-around: an absurd count gives a
     // defined (if useless) length instead of an overflow.
-    const quint32 count = quint32(var->count);
-    quint32 data_len = 0;
-    if (var->reg_kind == 0 || var->reg_kind == 1)
-        data_len = quint32(qint32(count + 7u) >> 3);
-    else if (var->reg_kind >= 2 && var->reg_kind <= 4)
-        data_len = count * 2u;
-    queue_request(f, int(5u + data_len), 3, int(data_len), *var);
+    const quint32 data_len = read_data_len(var->reg_kind, quint32(var->count));
+    const quint32 reply_len = quint32(kReadReplyHeaderLen + kReadReplyTrailerLen) + data_len;
+    queue_request(f, int(reply_len), kReadReplyHeaderLen, int(data_len), *var);
 }
 
 void Remote_WriteVar(RW_VAR *var)
@@ -81,8 +85,8 @@ void Remote_WriteVar(RW_VAR *var)
     QByteArray f = remote_header(*var);
     f.append(var->data);
     const int n = f.size();
-    f[0] = char((n + 1) & 0xFF); // wraps for frames over 255 bytes
+    f[0] = char((n + 1) & 0xFF); // the frame's length; wraps for frames over 255 bytes
     f.append(sum_byte(f, n));
-    queue_request(f, var->station != 0 ? 8 : 0, 0, 0, *var);
+    queue_request(f, var->station != 0 ? kWriteReplyLen : 0, 0, 0, *var); // no reply to a broadcast
     write_data_to_local(var);
 }

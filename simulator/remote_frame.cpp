@@ -37,6 +37,11 @@ uint8_t data_byte(const std::vector<uint8_t> &data, size_t i)
     return i < data.size() ? data[i] : 0;
 }
 
+// The register kinds are described here on their own, on purpose: the
+// simulator is a second opinion on the wire, so it does not read the driver's
+// kind table (driver/Register_Kinds.h); a mistake in that table then shows up
+// as a disagreement instead of being shared by both sides.
+//
 // Word classes 3 and 4 are writable (holding registers); classes 0 and 2 are inputs.
 // Kinds: 3/7/10/13 -> class 3, 4/5/8/11/14 -> class 4.
 int word_class_of(int kind)

@@ -4,7 +4,7 @@
 // text does not parse.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <climits>
 
@@ -29,15 +29,7 @@ void expect_cases(const AddressCase *cases, size_t n)
         expect_address(cases[i].kind, QString::fromUtf8(cases[i].text), cases[i].expected);
 }
 
-class AddressParsing : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        info_ = make_com_info();
-        reset_driver(&info_);
-    }
-    ComInfo info_;
-};
+class AddressParsing : public DriverTest {};
 
 TEST_F(AddressParsing, BitKindByteAndBit)
 {

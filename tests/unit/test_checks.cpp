@@ -2,10 +2,12 @@
 // the test that a reply belongs to the request at the head of the queue.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <QByteArray>
 #include <limits>
+#include <ostream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -185,14 +187,8 @@ TEST(ASCIIToDigital, RangesAroundTheDigits)
 
 // ---- CheckGetData ----
 
-class CheckGetDataTest : public ::testing::Test {
+class CheckGetDataTest : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info_ = make_com_info();
-        reset_driver(&info_);
-    }
-
     // Queues a request whose frame starts with the given two bytes.
     void queue(uchar b0, uchar b1, int station, int rw_flag)
     {
@@ -216,37 +212,45 @@ protected:
             r[1] = char(b1);
         return r;
     }
-
-    ComInfo info_;
 };
 
-TEST_F(CheckGetDataTest, SevenByteReplyIsRejected)
+namespace {
+
+struct VerdictCase {
+    const char *what;
+    int first, second, station, rw_flag; // the request in flight
+    int size, reply_first, reply_second; // the reply
+    int verdict;                         // 0 rejected, 1 store its data, 2 nothing to store
+};
+
+std::ostream &operator<<(std::ostream &os, const VerdictCase &c)
 {
-    queue(0x12, 0x34, 1, 0);
-    QByteArray r = reply(7, 0x12, 0x34);
-    EXPECT_EQ(CheckGetData(&r, 7), 0);
+    return os << c.what;
 }
 
-TEST_F(CheckGetDataTest, MatchingReplyToReadCarriesData)
+const VerdictCase kVerdicts[] = {
+    {"SevenByteReplyIsRejected", 0x12, 0x34, 1, 0, 7, 0x12, 0x34, 0},
+    {"MatchingReplyToReadCarriesData", 0x12, 0x34, 1, 0, 8, 0x12, 0x34, 1},
+    {"MatchingReplyToWriteHasNothingToStore", 0x12, 0x34, 1, 1, 8, 0x12, 0x34, 2},
+    {"AnyNonZeroRwFlagIsAWrite", 0x00, 0x05, 3, -7, 12, 0x00, 0x05, 2},
+    {"MismatchingFirstByteIsRejected", 0x12, 0x34, 1, 0, 12, 0x13, 0x34, 0},
+    {"MismatchingSecondByteIsRejected", 0x12, 0x34, 1, 1, 12, 0x12, 0x35, 0},
+};
+
+class CheckGetDataVerdicts : public CheckGetDataTest, public ::testing::WithParamInterface<VerdictCase> {};
+
+} // namespace
+
+TEST_P(CheckGetDataVerdicts, OfAReplyToTheRequestInFlight)
 {
-    queue(0x12, 0x34, 1, 0);
-    QByteArray r = reply(8, 0x12, 0x34);
-    EXPECT_EQ(CheckGetData(&r, 8), 1);
+    const VerdictCase &c = GetParam();
+    queue(uchar(c.first), uchar(c.second), c.station, c.rw_flag);
+    QByteArray r = reply(c.size, uchar(c.reply_first), uchar(c.reply_second));
+    EXPECT_EQ(CheckGetData(&r, c.size), c.verdict);
 }
 
-TEST_F(CheckGetDataTest, MatchingReplyToWriteHasNothingToStore)
-{
-    queue(0x12, 0x34, 1, 1);
-    QByteArray r = reply(8, 0x12, 0x34);
-    EXPECT_EQ(CheckGetData(&r, 8), 2);
-}
-
-TEST_F(CheckGetDataTest, AnyNonZeroRwFlagIsAWrite)
-{
-    queue(0x00, 0x05, 3, -7);
-    QByteArray r = reply(12, 0x00, 0x05);
-    EXPECT_EQ(CheckGetData(&r, 12), 2);
-}
+INSTANTIATE_TEST_SUITE_P(Replies, CheckGetDataVerdicts, ::testing::ValuesIn(kVerdicts),
+                         [](const ::testing::TestParamInfo<VerdictCase> &p) { return std::string(p.param.what); });
 
 TEST_F(CheckGetDataTest, StationZeroAcceptsAnyReply)
 {
@@ -258,20 +262,6 @@ TEST_F(CheckGetDataTest, StationZeroAcceptsAnyReply)
     QByteArray wrong = reply(12, 0x99, 0x98);
     EXPECT_EQ(CheckGetData(&wrong, 12), 2);
     EXPECT_EQ(CheckGetData(nullptr, 0), 2);
-}
-
-TEST_F(CheckGetDataTest, MismatchingFirstByteIsRejected)
-{
-    queue(0x12, 0x34, 1, 0);
-    QByteArray r = reply(12, 0x13, 0x34);
-    EXPECT_EQ(CheckGetData(&r, 12), 0);
-}
-
-TEST_F(CheckGetDataTest, MismatchingSecondByteIsRejected)
-{
-    queue(0x12, 0x34, 1, 1);
-    QByteArray r = reply(12, 0x12, 0x35);
-    EXPECT_EQ(CheckGetData(&r, 12), 0);
 }
 
 TEST_F(CheckGetDataTest, EmptyQueueGivesZero)

@@ -2,19 +2,12 @@
 // stations, builder choice and requests that cannot be built.
 #include <gtest/gtest.h>
 
-#include "exchange_test_support.h"
+#include "driver_fixture.h"
 
 namespace {
 
-class Cycle : public ::testing::Test {
+class Cycle : public ExchangeTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_with_callbacks(&info);
-    }
-    void TearDown() override { reset_driver(nullptr); }
-
     // start_addr of every read_list entry, in list order.
     static std::vector<int> read_starts()
     {
@@ -23,8 +16,6 @@ protected:
             s.push_back(v.start_addr);
         return s;
     }
-
-    ComInfo info;
 };
 
 TEST_F(Cycle, AllListsEmptyReturnsNullAndRaisesCycleDone)

@@ -2,22 +2,17 @@
 // station enabling.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
+#include <climits>
 #include <cstddef>
 #include <memory>
+#include <ostream>
+#include <string>
 
 namespace {
 
-class DriverObject : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(&info);
-    }
-    ComInfo info;
-};
+class DriverObject : public DriverTest {};
 
 } // namespace
 
@@ -32,119 +27,84 @@ TEST(RegisterKinds, ClassOfEveryKind)
 
 TEST(RegisterKinds, ClassOfOtherValuesIsTheValue)
 {
-    EXPECT_EQ(Communication_Protocol::get_plc_reg(5), 4);
-    EXPECT_EQ(Communication_Protocol::get_plc_reg(0), 0);
-    EXPECT_EQ(Communication_Protocol::get_plc_reg(15), 15);
-    EXPECT_EQ(Communication_Protocol::get_plc_reg(-1), -1);
-    EXPECT_EQ(Communication_Protocol::get_plc_reg(1000), 1000);
+    for (int value : {15, -1, 1000, INT_MIN, INT_MAX})
+        EXPECT_EQ(Communication_Protocol::get_plc_reg(value), value) << value;
 }
 
 TEST(RegisterKinds, AddressOffsets)
 {
-    EXPECT_EQ(Communication_Protocol::get_offset_add(0), 0x6000);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(1), 0xA000);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(2), 0x8000);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(3), 0xA000);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(4), 0);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(-1), 0);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(14), 0);
-    EXPECT_EQ(Communication_Protocol::get_offset_add(INT32_MIN), 0);
+    const struct {
+        qint32 cls;
+        qint32 offset;
+    } cases[] = {{0, 0x6000}, {1, 0xA000}, {2, 0x8000}, {3, 0xA000}, {4, 0}, {-1, 0}, {14, 0}, {INT32_MIN, 0}};
+    for (const auto &c : cases)
+        EXPECT_EQ(Communication_Protocol::get_offset_add(c.cls), c.offset) << "class " << c.cls;
 }
 
 // ---------------------------------------------------------------- unit conversion
 
-TEST(UnitConversion, BitKindToBytes)
+namespace {
+
+struct Conversion {
+    const char *what;
+    int kind, start, count;          // before
+    int to_kind, to_start, to_count; // after update_rw_var
+};
+
+std::ostream &operator<<(std::ostream &os, const Conversion &c)
 {
-    RW_VAR v = make_var(0, 13, 5, 0);
+    return os << c.what;
+}
+
+const Conversion kConversions[] = {
+    // Bit kinds to bytes, the kind kept.
+    {"bits_13_to_17_span_bytes_1_and_2", 0, 13, 5, 0, 1, 2},
+    {"a_whole_coil_byte", 1, 16, 8, 1, 2, 1},
+    {"no_bits_in_a_byte", 0, 0, 0, 0, 0, 0},
+    {"negative_bit_count", 0, 0, -4, 0, 0, 0},
+    // Bit in a word to class-4 words.
+    {"bit_35_is_in_word_2", 5, 35, 1, 4, 2, 1},
+    {"bits_15_and_16_span_words_0_and_1", 5, 15, 2, 4, 0, 2},
+    {"negative_bit_in_word_count", 5, 0, -20, 4, 0, -1},
+    // Bytes to words of their class; the count is halved toward zero.
+    {"class_2_bytes", 6, 3, 2, 2, 1, 2},
+    {"class_3_bytes", 7, 4, 2, 3, 2, 1},
+    {"class_4_byte", 8, 5, 1, 4, 2, 1},
+    {"negative_byte_count", 6, 0, -4, 2, 0, -1},
+    // 32-bit values: the address doubled, the count only made even.
+    {"dwords_double_the_address", 10, 5, 3, 3, 10, 4},
+    {"an_even_dword_count_stays", 9, 1, 2, 2, 2, 2},
+    // 64-bit values: the address times 4, the count only a multiple of 4.
+    {"qwords_quadruple_the_address", 13, 2, 1, 3, 8, 4},
+    {"qword_count_rounds_up", 14, 1, 5, 4, 4, 8},
+    // Word kinds and values that are no kind are left as they are.
+    {"input_registers", 2, 123, 7, 2, 123, 7},
+    {"holding_registers", 3, 123, 7, 3, 123, 7},
+    {"class_4_words", 4, 123, 7, 4, 123, 7},
+    {"kind_15", 15, 123, 7, 15, 123, 7},
+    {"kind_minus_1", -1, 123, 7, -1, 123, 7},
+    {"kind_99", 99, 123, 7, 99, 123, 7},
+};
+
+class UnitConversion : public ::testing::TestWithParam<Conversion> {};
+
+} // namespace
+
+TEST_P(UnitConversion, ConvertsKindStartAndCountOnly)
+{
+    const Conversion &c = GetParam();
+    RW_VAR v = make_var(c.kind, c.start, c.count, 3);
+    v.name_text = QStringLiteral("n");
     Communication_Protocol::update_rw_var(&v);
-    EXPECT_EQ(v.reg_kind, 0);
-    EXPECT_EQ(v.start_addr, 1);
-    EXPECT_EQ(v.count, 2); // bits 13..17 span bytes 1 and 2
-
-    RW_VAR c = make_var(1, 16, 8, 0);
-    Communication_Protocol::update_rw_var(&c);
-    EXPECT_EQ(c.reg_kind, 1);
-    EXPECT_EQ(c.start_addr, 2);
-    EXPECT_EQ(c.count, 1);
+    EXPECT_EQ(v.reg_kind, c.to_kind);
+    EXPECT_EQ(v.start_addr, c.to_start);
+    EXPECT_EQ(v.count, c.to_count);
+    EXPECT_EQ(v.station, 3);
+    EXPECT_EQ(v.name_text, QStringLiteral("n"));
 }
 
-TEST(UnitConversion, BitInWordToWords)
-{
-    RW_VAR v = make_var(5, 35, 1, 0);
-    Communication_Protocol::update_rw_var(&v);
-    EXPECT_EQ(v.reg_kind, 4);
-    EXPECT_EQ(v.start_addr, 2);
-    EXPECT_EQ(v.count, 1);
-
-    RW_VAR span = make_var(5, 15, 2, 0); // bits 15 and 16: words 0 and 1
-    Communication_Protocol::update_rw_var(&span);
-    EXPECT_EQ(span.start_addr, 0);
-    EXPECT_EQ(span.count, 2);
-}
-
-TEST(UnitConversion, BytesToWords)
-{
-    RW_VAR v = make_var(6, 3, 2, 0);
-    Communication_Protocol::update_rw_var(&v);
-    EXPECT_EQ(v.reg_kind, 2);
-    EXPECT_EQ(v.start_addr, 1);
-    EXPECT_EQ(v.count, 2);
-
-    RW_VAR b7 = make_var(7, 4, 2, 0);
-    Communication_Protocol::update_rw_var(&b7);
-    EXPECT_EQ(b7.reg_kind, 3);
-    EXPECT_EQ(b7.start_addr, 2);
-    EXPECT_EQ(b7.count, 1);
-
-    RW_VAR b8 = make_var(8, 5, 1, 0);
-    Communication_Protocol::update_rw_var(&b8);
-    EXPECT_EQ(b8.reg_kind, 4);
-    EXPECT_EQ(b8.start_addr, 2);
-    EXPECT_EQ(b8.count, 1);
-}
-
-TEST(UnitConversion, DoubleWordsDoubleTheAddressButOnlyRoundTheCount)
-{
-    RW_VAR v = make_var(10, 5, 3, 0);
-    Communication_Protocol::update_rw_var(&v);
-    EXPECT_EQ(v.reg_kind, 3);
-    EXPECT_EQ(v.start_addr, 10);
-    EXPECT_EQ(v.count, 4);
-
-    RW_VAR even = make_var(9, 1, 2, 0);
-    Communication_Protocol::update_rw_var(&even);
-    EXPECT_EQ(even.reg_kind, 2);
-    EXPECT_EQ(even.start_addr, 2);
-    EXPECT_EQ(even.count, 2);
-}
-
-TEST(UnitConversion, QuadWordsQuadrupleTheAddressButOnlyRoundTheCount)
-{
-    RW_VAR v = make_var(13, 2, 1, 0);
-    Communication_Protocol::update_rw_var(&v);
-    EXPECT_EQ(v.reg_kind, 3);
-    EXPECT_EQ(v.start_addr, 8);
-    EXPECT_EQ(v.count, 4);
-
-    RW_VAR q = make_var(14, 1, 5, 0);
-    Communication_Protocol::update_rw_var(&q);
-    EXPECT_EQ(q.reg_kind, 4);
-    EXPECT_EQ(q.start_addr, 4);
-    EXPECT_EQ(q.count, 8);
-}
-
-TEST(UnitConversion, WordKindsAndOthersUnchanged)
-{
-    for (int kind : {2, 3, 4, 15, -1, 99}) {
-        RW_VAR v = make_var(kind, 123, 7, 0);
-        v.name_text = QStringLiteral("n");
-        Communication_Protocol::update_rw_var(&v);
-        EXPECT_EQ(v.reg_kind, kind);
-        EXPECT_EQ(v.start_addr, 123);
-        EXPECT_EQ(v.count, 7);
-        EXPECT_EQ(v.name_text, QStringLiteral("n"));
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Kinds, UnitConversion, ::testing::ValuesIn(kConversions),
+                         [](const ::testing::TestParamInfo<Conversion> &p) { return std::string(p.param.what); });
 
 // ---------------------------------------------------------------- result record
 

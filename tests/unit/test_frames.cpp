@@ -3,10 +3,13 @@
 // Protocol entries, transaction identifiers, reply counters and mirror updates.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 #include "record_expectations.h"
 
 #include <QByteArray>
+
+#include <ostream>
+#include <string>
 
 namespace {
 
@@ -34,18 +37,15 @@ int sum8(const QByteArray &a, int n)
     return s & 0xFF;
 }
 
-class FrameTest : public ::testing::Test {
+class FrameTest : public DriverTest {
 protected:
     void SetUp() override
     {
-        info_ = make_com_info();
-        reset_driver(&info_);
+        DriverTest::SetUp();
         // Values no builder would leave, so that every update is visible.
-        info_.replies_expected = 99;
-        info_.replies_received = 42;
+        info.replies_expected = 99;
+        info.replies_received = 42;
     }
-
-    ComInfo info_;
 };
 
 // A record with every field the remote frame carries set to a telling value.
@@ -87,8 +87,8 @@ TEST_F(FrameTest, RemoteReadFrameByteForByte)
     EXPECT_EQ(p.reply_header_len, 3);
     expect_same_var(p.var, v);
     expect_same_var(arg, v); // the record itself is not changed
-    EXPECT_EQ(info_.replies_expected, 1);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 1);
+    EXPECT_EQ(info.replies_received, 0);
 }
 
 TEST_F(FrameTest, RemoteReadCheckByteIsLowByteOfSum)
@@ -105,46 +105,57 @@ TEST_F(FrameTest, RemoteReadCheckByteIsLowByteOfSum)
     EXPECT_EQ(uchar(f[21]), (22 + sum8(f.mid(1), 20)) & 0xFF);
 }
 
-TEST_F(FrameTest, RemoteReadDataLengthOfBitKinds)
+namespace {
+
+struct RemoteReadCase {
+    int kind, count;
+    int data_len, reply_len; // the reply: a 3-byte header, the data, 2 trailing bytes
+};
+
+std::ostream &operator<<(std::ostream &os, const RemoteReadCase &c)
 {
-    RW_VAR v16 = make_var(0, 0, 16, 1);
-    Remote_ReadVar(&v16);
-    RW_VAR v17 = make_var(1, 0, 17, 1);
-    Remote_ReadVar(&v17);
-    RW_VAR v0 = make_var(0, 0, 0, 1);
-    Remote_ReadVar(&v0);
-    ASSERT_EQ(PLC_driver.request_queue.size(), 3);
-    EXPECT_EQ(entry(0).data_len, 2);
-    EXPECT_EQ(entry(0).reply_len, 7);
-    EXPECT_EQ(entry(1).data_len, 3);
-    EXPECT_EQ(entry(1).reply_len, 8);
-    EXPECT_EQ(entry(2).data_len, 0);
-    EXPECT_EQ(entry(2).reply_len, 5);
+    return os << "kind " << c.kind << " count " << c.count;
 }
 
-TEST_F(FrameTest, RemoteReadDataLengthOfWordKinds)
+const RemoteReadCase kRemoteReads[] = {
+    // Bit kinds: whole bytes of bits.
+    {0, 16, 2, 7},
+    {1, 17, 3, 8},
+    {0, 0, 0, 5},
+    // Register kinds: two bytes a register.
+    {2, 10, 20, 25},
+    {3, 10, 20, 25},
+    {4, 10, 20, 25},
+    // Other kinds (read only once converted) and values that are no kind: no data.
+    {5, 10, 0, 5},
+    {9, 10, 0, 5},
+    {14, 10, 0, 5},
+    {15, 10, 0, 5},
+    {-1, 10, 0, 5},
+};
+
+class RemoteReadLengths : public DriverTableTest<RemoteReadCase> {};
+
+} // namespace
+
+TEST_P(RemoteReadLengths, DataAndReplyLengthOfTheKind)
 {
-    for (int kind = 2; kind <= 4; ++kind) {
-        RW_VAR v = make_var(kind, 0, 10, 1);
-        Remote_ReadVar(&v);
-        EXPECT_EQ(PLC_driver.request_queue.last().data_len, 20) << kind;
-        EXPECT_EQ(PLC_driver.request_queue.last().reply_len, 25) << kind;
-    }
+    const RemoteReadCase &c = GetParam();
+    RW_VAR v = make_var(c.kind, 0, c.count, 1);
+    Remote_ReadVar(&v);
+    ASSERT_EQ(PLC_driver.request_queue.size(), 1);
+    EXPECT_EQ(entry(0).data_len, c.data_len);
+    EXPECT_EQ(entry(0).reply_len, c.reply_len);
+    EXPECT_EQ(entry(0).frame_len, 22);
 }
 
-TEST_F(FrameTest, RemoteReadUnknownKindExpectsNoData)
+INSTANTIATE_TEST_SUITE_P(Kinds, RemoteReadLengths, ::testing::ValuesIn(kRemoteReads));
+
+TEST_F(FrameTest, RemoteReadKindTravelsAsItsLow16Bits)
 {
-    const int kinds[] = {5, 9, 14, 15, -1};
-    for (int kind : kinds) {
-        RW_VAR v = make_var(kind, 0, 10, 1);
-        Remote_ReadVar(&v);
-        const Protocol &p = PLC_driver.request_queue.last();
-        EXPECT_EQ(p.data_len, 0) << kind;
-        EXPECT_EQ(p.reply_len, 5) << kind;
-        EXPECT_EQ(p.frame_len, 22) << kind;
-    }
-    // The kind travels as its low 16 bits.
-    EXPECT_EQ(entry(4).frame.mid(5, 2), hex("FFFF"));
+    RW_VAR v = make_var(-1, 0, 10, 1);
+    Remote_ReadVar(&v);
+    EXPECT_EQ(entry(0).frame.mid(5, 2), hex("FFFF"));
 }
 
 TEST_F(FrameTest, RemoteReadTruncatesToFieldWidths)
@@ -212,8 +223,8 @@ TEST_F(FrameTest, RemoteWriteTwoDataBytes)
     EXPECT_EQ(p.data_len, 0);
     expect_same_var(p.var, copy);
     expect_same_var(v, copy);
-    EXPECT_EQ(info_.replies_expected, 1);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 1);
+    EXPECT_EQ(info.replies_received, 0);
     // The mirror holds the written value at once.
     EXPECT_EQ(word(0x34, 4, 7), 0x1234);
 }
@@ -303,31 +314,73 @@ TEST_F(FrameTest, ModbusReadHoldingRegistersByteForByte)
     EXPECT_EQ(p.data_len, 20);
     expect_same_var(p.var, copy);
     EXPECT_EQ(PLC_driver.transaction_ids[1], 1);
-    EXPECT_EQ(info_.replies_expected, 1);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 1);
+    EXPECT_EQ(info.replies_received, 0);
     // Assembled in the scratch buffer.
     EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(PLC_driver.frame_buf), 12), p.frame);
 }
 
-TEST_F(FrameTest, ModbusReadFunctionCodesAndOffsets)
+namespace {
+
+struct ModbusReadCase {
+    int kind, start, count;
+    const char *frame;
+    int reply_len, data_len;
+};
+
+std::ostream &operator<<(std::ostream &os, const ModbusReadCase &c)
 {
-    RW_VAR k3 = make_var(3, 100, 10, 1);
-    read_register(&k3);
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 0006 01 03 A064 000A"));
-    RW_VAR k0 = make_var(0, 100, 16, 1);
-    read_register(&k0);
-    EXPECT_EQ(entry(1).frame, hex("0001 0000 0006 01 02 6064 0010"));
-    EXPECT_EQ(entry(1).reply_len, 11);
-    RW_VAR k2 = make_var(2, 100, 3, 1);
-    read_register(&k2);
-    EXPECT_EQ(entry(2).frame, hex("0002 0000 0006 01 04 8064 0003"));
-    EXPECT_EQ(entry(2).reply_len, 15);
-    RW_VAR k1 = make_var(1, 100, 9, 1);
-    read_register(&k1);
-    EXPECT_EQ(entry(3).frame, hex("0003 0000 0006 01 01 A064 0009"));
-    EXPECT_EQ(entry(3).data_len, 2);
-    EXPECT_EQ(entry(3).reply_len, 11);
+    return os << "kind " << c.kind << " start " << c.start << " count " << c.count;
 }
+
+class ModbusReads : public DriverTableTest<ModbusReadCase> {};
+
+// The kinds that name their class: function code and offset of the class.
+const ModbusReadCase kClassReads[] = {
+    {0, 100, 16, "0000 0000 0006 01 02 6064 0010", 11, 2},  {1, 100, 9, "0000 0000 0006 01 01 A064 0009", 11, 2},
+    {2, 100, 3, "0000 0000 0006 01 04 8064 0003", 15, 6},   {3, 100, 10, "0000 0000 0006 01 03 A064 000A", 29, 20},
+    {4, 100, 10, "0000 0000 0006 01 03 0064 000A", 29, 20},
+};
+
+// Kinds 5..14 are converted to their class before a read is built.
+const ModbusReadCase kConvertedReads[] = {
+    {5, 35, 1, "0000 0000 0006 01 03 0002 0001", 11, 2}, {6, 3, 2, "0000 0000 0006 01 04 8001 0002", 13, 4},
+    {7, 3, 2, "0000 0000 0006 01 03 A001 0002", 13, 4},  {8, 3, 2, "0000 0000 0006 01 03 0001 0002", 13, 4},
+    {9, 5, 3, "0000 0000 0006 01 04 800A 0004", 17, 8},  {10, 5, 3, "0000 0000 0006 01 03 A00A 0004", 17, 8},
+    {11, 5, 3, "0000 0000 0006 01 03 000A 0004", 17, 8}, {12, 2, 1, "0000 0000 0006 01 04 8008 0004", 17, 8},
+    {13, 2, 1, "0000 0000 0006 01 03 A008 0004", 17, 8}, {14, 2, 1, "0000 0000 0006 01 03 0008 0004", 17, 8},
+};
+
+void expect_read_request(const ModbusReadCase &c)
+{
+    ASSERT_EQ(PLC_driver.request_queue.size(), 1);
+    EXPECT_EQ(entry(0).frame, hex(c.frame));
+    EXPECT_EQ(entry(0).reply_len, c.reply_len);
+    EXPECT_EQ(entry(0).data_len, c.data_len);
+}
+
+} // namespace
+
+TEST_P(ModbusReads, OfTheKindAsItStands)
+{
+    RW_VAR v = make_var(GetParam().kind, GetParam().start, GetParam().count, 1);
+    read_register(&v);
+    expect_read_request(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryClass, ModbusReads, ::testing::ValuesIn(kClassReads));
+
+class ConvertedModbusReads : public ModbusReads {};
+
+TEST_P(ConvertedModbusReads, AfterConversionToTheClass)
+{
+    RW_VAR v = make_var(GetParam().kind, GetParam().start, GetParam().count, 1);
+    Communication_Protocol::update_rw_var(&v);
+    read_register(&v);
+    expect_read_request(GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(KindsInsideAClass, ConvertedModbusReads, ::testing::ValuesIn(kConvertedReads));
 
 TEST_F(FrameTest, ModbusReadOfNoBits)
 {
@@ -380,8 +433,8 @@ TEST_F(FrameTest, ModbusReadOfOtherKindsQueuesNothing)
     }
     EXPECT_TRUE(PLC_driver.request_queue.isEmpty());
     EXPECT_EQ(PLC_driver.transaction_ids[1], 40);
-    EXPECT_EQ(info_.replies_expected, 99);
-    EXPECT_EQ(info_.replies_received, 42);
+    EXPECT_EQ(info.replies_expected, 99);
+    EXPECT_EQ(info.replies_received, 42);
 }
 
 TEST_F(FrameTest, ModbusReadTruncatesAddressAndCount)
@@ -427,49 +480,63 @@ TEST_F(FrameTest, WriteRegistersByteForByte)
     expect_same_var(p.var, copy);
     expect_same_var(v, copy);
     EXPECT_EQ(PLC_driver.transaction_ids[1], 6);
-    EXPECT_EQ(info_.replies_expected, 1);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 1);
+    EXPECT_EQ(info.replies_received, 0);
     // write_analog alone leaves the mirror alone.
     EXPECT_TRUE(PLC_driver.word_mirror.isEmpty());
 }
 
-TEST_F(FrameTest, WriteHoldingRegistersOfKindThreeGetOffset)
+namespace {
+
+struct WriteCase {
+    const char *what;
+    int kind, start, count;
+    const char *data;
+    const char *frame;
+};
+
+std::ostream &operator<<(std::ostream &os, const WriteCase &c)
 {
-    PLC_driver.transaction_ids[1] = 5;
-    RW_VAR v = make_var(3, 10, 2, 1, hex("01020304"));
-    write_analog(&v);
-    EXPECT_EQ(entry(0).frame, hex("0005 0000 000B 01 10 A00A 0002 04 0201 0403"));
+    return os << c.what;
 }
 
-TEST_F(FrameTest, WriteDoubleWords)
-{
-    RW_VAR v = make_var(10, 7, 1, 1, hex("78563412"));
-    write_analog(&v);
-    // Quantity 2, address 14 without offset, each register high byte first.
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 000B 01 10 000E 0002 04 5678 1234"));
-    RW_VAR w = make_var(11, 7, 2, 1, hex("78563412 04030201"));
-    write_analog(&w);
-    EXPECT_EQ(entry(1).frame, hex("0001 0000 000F 01 10 000E 0004 08 5678 1234 0304 0102"));
-}
+const WriteCase kWrites[] = {
+    {"holding_registers_get_the_class_offset", 3, 10, 2, "01020304", "0000 0000 000B 01 10 A00A 0002 04 0201 0403"},
+    // Quantity 2 a value, the address doubled without offset, each register high byte first.
+    {"dword", 10, 7, 1, "78563412", "0000 0000 000B 01 10 000E 0002 04 5678 1234"},
+    {"two_dwords", 11, 7, 2, "78563412 04030201", "0000 0000 000F 01 10 000E 0004 08 5678 1234 0304 0102"},
+    {"qword_class_3", 13, 3, 1, "0102030405060708", "0000 0000 000F 01 10 000C 0004 08 0201 0403 0605 0807"},
+    {"qword_class_4", 14, 3, 1, "0102030405060708", "0000 0000 000F 01 10 000C 0004 08 0201 0403 0605 0807"},
+    // Coils: function 15, the bytes as they are.
+    {"coils", 1, 0, 10, "A503", "0000 0000 0009 01 0F A000 000A 02 A503"},
+    {"registers_without_data", 4, 1, 0, "", "0000 0000 0007 01 10 0001 0000 00"},
+    {"coils_without_data", 1, 1, 0, "", "0000 0000 0007 01 0F A001 0000 00"},
+    // Partial groups are padded with zeros; the byte count stays the data's length.
+    {"padded_registers", 4, 0, 2, "010203", "0000 0000 000B 01 10 0000 0002 03 0201 0003"},
+    {"padded_dwords", 11, 0, 2, "0102030405", "0000 0000 000F 01 10 0000 0004 05 0201 0403 0005 0000"},
+    {"padded_qword", 14, 0, 1, "010203", "0000 0000 000F 01 10 0000 0004 03 0201 0003 0000 0000"},
+    {"a_coil_byte_needs_no_padding", 1, 0, 3, "07", "0000 0000 0008 01 0F A000 0003 01 07"},
+};
 
-TEST_F(FrameTest, WriteQuadWords)
-{
-    RW_VAR v = make_var(13, 3, 1, 2, hex("0102030405060708"));
-    write_analog(&v);
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 000F 02 10 000C 0004 08 0201 0403 0605 0807"));
-    RW_VAR w = make_var(14, 3, 1, 2, hex("0102030405060708"));
-    write_analog(&w);
-    EXPECT_EQ(entry(1).frame, hex("0001 0000 000F 02 10 000C 0004 08 0201 0403 0605 0807"));
-}
+class WriteFrames : public DriverTableTest<WriteCase> {};
 
-TEST_F(FrameTest, WriteCoils)
+} // namespace
+
+TEST_P(WriteFrames, ByteForByte)
 {
-    RW_VAR v = make_var(1, 0, 10, 1, hex("A503"));
+    const WriteCase &c = GetParam();
+    RW_VAR v = make_var(c.kind, c.start, c.count, 1, hex(c.data));
     write_analog(&v);
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 0009 01 0F A000 000A 02 A503"));
-    EXPECT_EQ(entry(0).frame_len, 15);
+    ASSERT_EQ(PLC_driver.request_queue.size(), 1);
+    EXPECT_EQ(entry(0).frame, hex(c.frame));
+    EXPECT_EQ(entry(0).frame_len, entry(0).frame.size());
     EXPECT_EQ(entry(0).reply_len, 12);
+    EXPECT_EQ(entry(0).reply_header_len, 0);
+    EXPECT_EQ(entry(0).data_len, 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(WritableKinds, WriteFrames, ::testing::ValuesIn(kWrites),
+                         [](const ::testing::TestParamInfo<WriteCase> &p) { return std::string(p.param.what); });
 
 TEST_F(FrameTest, WriteToStationZeroExpectsNoReply)
 {
@@ -477,17 +544,6 @@ TEST_F(FrameTest, WriteToStationZeroExpectsNoReply)
     write_analog(&v);
     EXPECT_EQ(entry(0).reply_len, 0);
     EXPECT_EQ(uchar(entry(0).frame[6]), 0);
-}
-
-TEST_F(FrameTest, WriteWithEmptyData)
-{
-    RW_VAR v = make_var(4, 1, 0, 1);
-    write_analog(&v);
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 0007 01 10 0001 0000 00"));
-    EXPECT_EQ(entry(0).frame_len, 13);
-    RW_VAR c = make_var(1, 1, 0, 1);
-    write_analog(&c);
-    EXPECT_EQ(entry(1).frame, hex("0001 0000 0007 01 0F A001 0000 00"));
 }
 
 TEST_F(FrameTest, WriteOfOtherKindKeepsPreviousBytes)
@@ -509,42 +565,40 @@ TEST_F(FrameTest, WriteOfOtherKindKeepsPreviousBytes)
     EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(PLC_driver.frame_buf) + 10, 7), hex("0002 04 0201 0403"));
 }
 
-TEST_F(FrameTest, WriteOfOtherKindsAddressesWithoutScaling)
+namespace {
+
+struct UnwrittenKindCase {
+    int kind;
+    const char *address; // start 5 plus the offset the kind takes as it stands
+};
+
+std::ostream &operator<<(std::ostream &os, const UnwrittenKindCase &c)
 {
-    const struct {
-        int kind;
-        const char *address;
-    } cases[] = {{0, "6005"}, {2, "8005"}, {5, "0005"},  {6, "0005"},  {7, "0005"},
-                 {8, "0005"}, {9, "0005"}, {12, "0005"}, {15, "0005"}, {-1, "0005"}};
-    for (const auto &c : cases) {
-        RW_VAR v = make_var(c.kind, 5, 3, 0, hex("01020304"));
-        write_analog(&v);
-        const Protocol &p = PLC_driver.request_queue.last();
-        EXPECT_EQ(p.frame_len, 10) << c.kind;
-        EXPECT_EQ(p.frame.mid(4, 2), hex("0004")) << c.kind;
-        EXPECT_EQ(p.frame.mid(8, 2), hex(c.address)) << c.kind;
-        EXPECT_EQ(p.reply_len, 0) << c.kind; // station 0
-    }
-    // After a fresh start the scratch buffer holds zeros.
-    EXPECT_EQ(uchar(entry(0).frame[7]), 0);
+    return os << "kind " << c.kind;
 }
 
-TEST_F(FrameTest, WritePadsPartialGroupsWithZeros)
+const UnwrittenKindCase kUnwrittenKinds[] = {{0, "6005"}, {2, "8005"}, {5, "0005"},  {6, "0005"},  {7, "0005"},
+                                             {8, "0005"}, {9, "0005"}, {12, "0005"}, {15, "0005"}, {-1, "0005"}};
+
+class UnwrittenKinds : public DriverTableTest<UnwrittenKindCase> {};
+
+} // namespace
+
+TEST_P(UnwrittenKinds, WriteAddressesWithoutScaling)
 {
-    RW_VAR words = make_var(4, 0, 2, 1, hex("010203"));
-    write_analog(&words);
-    EXPECT_EQ(entry(0).frame, hex("0000 0000 000B 01 10 0000 0002 03 0201 0003"));
-    RW_VAR dwords = make_var(11, 0, 2, 1, hex("0102030405"));
-    write_analog(&dwords);
-    EXPECT_EQ(entry(1).frame, hex("0001 0000 000F 01 10 0000 0004 05 0201 0403 0005 0000"));
-    RW_VAR qwords = make_var(14, 0, 1, 1, hex("010203"));
-    write_analog(&qwords);
-    EXPECT_EQ(entry(2).frame, hex("0002 0000 000F 01 10 0000 0004 03 0201 0003 0000 0000"));
-    // A single coil byte needs no padding.
-    RW_VAR coils = make_var(1, 0, 3, 1, hex("07"));
-    write_analog(&coils);
-    EXPECT_EQ(entry(3).frame, hex("0003 0000 0008 01 0F A000 0003 01 07"));
+    RW_VAR v = make_var(GetParam().kind, 5, 3, 0, hex("01020304"));
+    write_analog(&v);
+    ASSERT_EQ(PLC_driver.request_queue.size(), 1);
+    const Protocol &p = entry(0);
+    EXPECT_EQ(p.frame_len, 10);
+    EXPECT_EQ(p.frame.mid(4, 2), hex("0004"));
+    EXPECT_EQ(p.frame.mid(8, 2), hex(GetParam().address));
+    EXPECT_EQ(p.reply_len, 0); // station 0
+    // After a fresh start the scratch buffer holds zeros.
+    EXPECT_EQ(uchar(p.frame[7]), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, UnwrittenKinds, ::testing::ValuesIn(kUnwrittenKinds));
 
 TEST_F(FrameTest, WriteByteCountAndQuantityAreTruncated)
 {
@@ -584,8 +638,8 @@ TEST_F(FrameTest, WriteRegisterOrdinaryWriteMirrors)
     write_register(&v);
     ASSERT_EQ(PLC_driver.request_queue.size(), 1);
     EXPECT_EQ(entry(0).frame, hex("0000 0000 000B 01 10 000A 0002 04 0201 0403"));
-    EXPECT_EQ(info_.replies_expected, 1);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 1);
+    EXPECT_EQ(info.replies_received, 0);
     EXPECT_EQ(word(1, 4, 10), 0x0201);
     EXPECT_EQ(word(1, 4, 11), 0x0403);
 }
@@ -668,8 +722,8 @@ TEST_F(FrameTest, BitWriteQueuesReadThenWriteOfItsRegister)
     EXPECT_EQ(write.var.rw_flag, 1);
     EXPECT_EQ(write.var.ext_param1, 0);
     EXPECT_EQ(write.var.data, hex("0000"));
-    EXPECT_EQ(info_.replies_expected, 2);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 2);
+    EXPECT_EQ(info.replies_received, 0);
     EXPECT_EQ(PLC_driver.transaction_ids[2], 2);
     expect_same_var(v, copy);
     // The pair does not touch the mirror.
@@ -692,8 +746,8 @@ TEST_F(FrameTest, ByteWriteOfClassThreeUsesItsOffset)
     EXPECT_EQ(entry(1).var.reg_kind, 3);
     EXPECT_EQ(entry(1).var.ext_param1, 0);
     EXPECT_EQ(entry(1).var.rw_flag, 1);
-    EXPECT_EQ(info_.replies_expected, 2);
-    EXPECT_EQ(info_.replies_received, 0);
+    EXPECT_EQ(info.replies_expected, 2);
+    EXPECT_EQ(info.replies_received, 0);
     EXPECT_TRUE(PLC_driver.word_mirror.isEmpty());
 }
 
@@ -719,28 +773,5 @@ TEST_F(FrameTest, BitWritePairEvenWhenCommunicationFailedAndToStationZero)
     EXPECT_EQ(entry(0).frame, hex("0000 0000 0006 00 03 FFFF 0001"));
     EXPECT_EQ(entry(0).reply_len, 11);
     EXPECT_EQ(entry(1).reply_len, 0);
-    EXPECT_EQ(info_.replies_expected, 2);
-}
-
-TEST_F(FrameTest, ReadAfterConversionOfEveryKind)
-{
-    // Kinds 5..14 are converted to their class before a read is built.
-    const struct {
-        int kind, start, count;
-        const char *frame;
-    } cases[] = {
-        {5, 35, 1, "0000 0000 0006 01 03 0002 0001"}, {6, 3, 2, "0000 0000 0006 01 04 8001 0002"},
-        {7, 3, 2, "0000 0000 0006 01 03 A001 0002"},  {8, 3, 2, "0000 0000 0006 01 03 0001 0002"},
-        {9, 5, 3, "0000 0000 0006 01 04 800A 0004"},  {10, 5, 3, "0000 0000 0006 01 03 A00A 0004"},
-        {11, 5, 3, "0000 0000 0006 01 03 000A 0004"}, {12, 2, 1, "0000 0000 0006 01 04 8008 0004"},
-        {13, 2, 1, "0000 0000 0006 01 03 A008 0004"}, {14, 2, 1, "0000 0000 0006 01 03 0008 0004"},
-    };
-    for (const auto &c : cases) {
-        reset_driver(&info_);
-        RW_VAR v = make_var(c.kind, c.start, c.count, 1);
-        Communication_Protocol::update_rw_var(&v);
-        read_register(&v);
-        ASSERT_EQ(PLC_driver.request_queue.size(), 1) << c.kind;
-        EXPECT_EQ(entry(0).frame, hex(c.frame)) << c.kind;
-    }
+    EXPECT_EQ(info.replies_expected, 2);
 }

@@ -2,22 +2,14 @@
 // write_data_to_local for every register kind.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <climits>
 #include <initializer_list>
 
 namespace {
 
-class Mirror : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(&info);
-    }
-    ComInfo info;
-};
+class Mirror : public DriverTest {};
 
 } // namespace
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "Driver_Lock.h"
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <atomic>
 #include <mutex>
@@ -86,16 +86,14 @@ void check_groups(const QByteArray &buf, const char *reader, Findings &f)
     }
 }
 
-class MirrorThreads : public ::testing::Test {
+class MirrorThreads : public DriverTest {
 protected:
     void SetUp() override
     {
-        info = make_com_info();
+        DriverTest::SetUp();
         info.write_mode = 1; // host writes go straight into the mirror
         info.station_from_address = 1;
-        reset_driver(&info);
     }
-    ComInfo info;
 };
 
 } // namespace

@@ -2,8 +2,10 @@
 // AddListOnceReadVar (chunking, duplicate suppression, the 2048-entry cap).
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 #include "record_expectations.h"
+
+#include <ostream>
 
 #include <climits>
 
@@ -41,13 +43,8 @@ void expect_once_entries(const std::vector<std::pair<int, int>> &expected)
     }
 }
 
-class Registration : public ::testing::Test {
+class Registration : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info_ = make_com_info();
-        reset_driver(&info_);
-    }
     // Fills once_read_list with n prepared entries (flag 1, no cap).
     void fill_once(int n)
     {
@@ -57,7 +54,6 @@ protected:
             AddListOnceReadVar(&v, 1);
         }
     }
-    ComInfo info_;
 };
 
 // ---------------------------------------------------------------- AddListReadVar
@@ -115,30 +111,62 @@ TEST_F(Registration, WriteListCapIs2048)
 
 // ---------------------------------------------------------------- block limits
 
-TEST_F(Registration, BlockLimitPerKind)
+namespace {
+
+struct BlockLimitCase {
+    int kind;
+    int max_read_units;
+    int limit;
+};
+
+std::ostream &operator<<(std::ostream &os, const BlockLimitCase &c)
 {
-    EXPECT_EQ(BlockLimitForKind(0, 100), 200);
-    EXPECT_EQ(BlockLimitForKind(1, 100), 200);
-    for (int kind : {2, 3, 4, 5, 6, 7, 8, 15, 255, -1, -12, INT_MIN})
-        EXPECT_EQ(BlockLimitForKind(kind, 100), 100) << kind;
-    for (int kind : {9, 10, 11}) {
-        EXPECT_EQ(BlockLimitForKind(kind, 100), 50);
-        EXPECT_EQ(BlockLimitForKind(kind, 51), 50);
-        EXPECT_EQ(BlockLimitForKind(kind, 50), 50);
-        EXPECT_EQ(BlockLimitForKind(kind, 49), 49);
-        EXPECT_EQ(BlockLimitForKind(kind, 1), 1);
-    }
-    for (int kind : {12, 13, 14}) {
-        EXPECT_EQ(BlockLimitForKind(kind, 100), 25);
-        EXPECT_EQ(BlockLimitForKind(kind, 26), 25);
-        EXPECT_EQ(BlockLimitForKind(kind, 25), 25);
-        EXPECT_EQ(BlockLimitForKind(kind, 24), 24);
-    }
-    EXPECT_EQ(BlockLimitForKind(0, 1), 2);
-    // A limit never overflows, whatever the runtime wrote into its record.
-    EXPECT_EQ(BlockLimitForKind(0, INT_MAX), INT_MAX);
-    EXPECT_EQ(BlockLimitForKind(1, 1 << 30), INT_MAX);
+    return os << "kind " << c.kind << " with " << c.max_read_units << " units";
 }
+
+// clang-format off
+const BlockLimitCase kBlockLimits[] = {
+    // Bit kinds count bytes: twice the units, never past INT_MAX whatever
+    // the runtime wrote into its record.
+    {0, 100, 200},
+    {1, 100, 200},
+    {0, 1, 2},
+    {0, INT_MAX, INT_MAX},
+    {1, 1 << 30, INT_MAX},
+    // Register kinds, and values that are no kind: the units.
+    {2, 100, 100},
+    {3, 100, 100},
+    {4, 100, 100},
+    {5, 100, 100},
+    {6, 100, 100},
+    {7, 100, 100},
+    {8, 100, 100},
+    {15, 100, 100},
+    {255, 100, 100},
+    {-1, 100, 100},
+    {-12, 100, 100},
+    {INT_MIN, 100, 100},
+    // 32-bit values: at most 50.
+    {9, 100, 50}, {9, 51, 50}, {9, 50, 50}, {9, 49, 49}, {9, 1, 1},
+    {10, 100, 50}, {10, 51, 50}, {10, 50, 50}, {10, 49, 49}, {10, 1, 1},
+    {11, 100, 50}, {11, 51, 50}, {11, 50, 50}, {11, 49, 49}, {11, 1, 1},
+    // 64-bit values: at most 25.
+    {12, 100, 25}, {12, 26, 25}, {12, 25, 25}, {12, 24, 24},
+    {13, 100, 25}, {13, 26, 25}, {13, 25, 25}, {13, 24, 24},
+    {14, 100, 25}, {14, 26, 25}, {14, 25, 25}, {14, 24, 24},
+};
+// clang-format on
+
+class BlockLimits : public DriverTableTest<BlockLimitCase> {};
+
+} // namespace
+
+TEST_P(BlockLimits, PerKind)
+{
+    EXPECT_EQ(BlockLimitForKind(GetParam().kind, GetParam().max_read_units), GetParam().limit);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, BlockLimits, ::testing::ValuesIn(kBlockLimits));
 
 // ---------------------------------------------------------------- AddListOnceReadVar, flag 1
 
@@ -229,7 +257,7 @@ TEST_F(Registration, OnceReadBitKindUsesTwiceTheLimit)
     EXPECT_EQ(v.count, 38);
 
     // With 10 units per request the 38 bytes of a coil read go as 20 + 18.
-    info_.max_read_units = 10;
+    info.max_read_units = 10;
     RW_VAR c = make_var(1, "2.0", 300, 3, 2, 12); // bit 16: byte 2, 38 bytes
     EXPECT_EQ(AddListOnceReadVar(&c, 0), 3);
     expect_once_entries({{0, 38}, {2, 20}, {22, 18}});
@@ -350,14 +378,14 @@ TEST_F(Registration, OnceReadCountZeroOrNegativeAddsNothing)
 
 TEST_F(Registration, OnceReadStationFromDefaultOrRecord)
 {
-    info_.station_from_address = 0;
-    info_.default_station = 9;
+    info.station_from_address = 0;
+    info.default_station = 9;
     RW_VAR v = make_var(4, "10", 2, 3);
     EXPECT_EQ(AddListOnceReadVar(&v, 0), 1);
     EXPECT_EQ(v.station, 9);
     EXPECT_EQ(PLC_driver.once_read_list.at(0).station, 9);
 
-    info_.station_from_address = 5;
+    info.station_from_address = 5;
     RW_VAR w = make_var(4, "10", 2, 3);
     EXPECT_EQ(AddListOnceReadVar(&w, 0), 2);
     EXPECT_EQ(w.station, 3);
@@ -367,8 +395,8 @@ TEST_F(Registration, OnceReadStationFromDefaultOrRecord)
 TEST_F(Registration, OnceReadWithoutPositiveUnitLimitUsesOneUnit)
 {
     for (int n : {0, -4}) {
-        reset_driver(&info_);
-        info_.max_read_units = n;
+        reset_driver(&info);
+        info.max_read_units = n;
         RW_VAR v = make_var(3, "7", 3);
         EXPECT_EQ(AddListOnceReadVar(&v, 0), 3) << n;
         expect_once_entries({{7, 1}, {8, 1}, {9, 1}});

@@ -2,65 +2,89 @@
 // give-up, list bookkeeping, callbacks and the result record.
 #include <gtest/gtest.h>
 
-#include "exchange_test_support.h"
+#include "driver_fixture.h"
+
+#include <ostream>
 
 namespace {
 
-class Reply : public ::testing::Test {
+class Reply : public ExchangeTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_with_callbacks(&info);
-    }
-    void TearDown() override { reset_driver(nullptr); }
-
     // Queues a hand-made request whose expected reply length is reply_len.
     static void queue(const RW_VAR &var, int reply_len, int header_len = 9, int data_len = 0,
                       const QByteArray &frame = bytes({0x12, 0x34, 0, 0, 0, 6, 1, 3, 0, 0, 0, 1}))
     {
         PLC_driver.request_queue.append(make_request(var, frame, reply_len, header_len, data_len));
     }
-
-    ComInfo info;
 };
 
 // ------------------------------------------------------------ return codes
 
-TEST(ReturnCodes, OutcomesMapToTheirCodes)
+namespace {
+
+// Queues the request in flight of a requester of the given kind.
+void queue_for_requester(int source_type)
 {
-    ComInfo info = make_com_info();
-    reset_driver(&info);
-    PLC_driver.request_queue.append(make_request(make_var(4, 0, 1, 1, 5), QByteArray(12, 0), 11, 9, 2));
-    EXPECT_EQ(GetDriverReturnValue(0), 1);
-    EXPECT_EQ(GetDriverReturnValue(1), 16);
-    EXPECT_EQ(GetDriverReturnValue(2), 46);
-    EXPECT_EQ(GetDriverReturnValue(3), 76);
-    EXPECT_EQ(GetDriverReturnValue(4), 100);
-    EXPECT_EQ(GetDriverReturnValue(5), 116);
-    EXPECT_EQ(GetDriverReturnValue(6), 146);
-    EXPECT_EQ(GetDriverReturnValue(7), 176);
-    EXPECT_EQ(GetDriverReturnValue(8), 200);
-    EXPECT_EQ(GetDriverReturnValue(-1), 200);
-    reset_driver(nullptr);
+    PLC_driver.request_queue.clear();
+    PLC_driver.request_queue.append(make_request(make_var(4, 0, 1, 1, source_type), QByteArray(12, 0), 11, 9, 2));
 }
 
-TEST(ReturnCodes, SwitchErrorReturnAddsTheRequesterKind)
+struct OutcomeCase {
+    int outcome;
+    int code; // for a requester of kind 5
+};
+
+std::ostream &operator<<(std::ostream &os, const OutcomeCase &c)
 {
-    ComInfo info = make_com_info();
-    reset_driver(&info);
-    const int types[] = {0, 1, 11, 12, -3};
-    const int expected[] = {11, 12, 22, 11, 11};
-    for (int i = 0; i < 5; ++i) {
-        PLC_driver.request_queue.clear();
-        PLC_driver.request_queue.append(make_request(make_var(4, 0, 1, 1, types[i]), QByteArray(12, 0), 11, 9, 2));
-        EXPECT_EQ(SwitchErrorReturn(10), expected[i]) << "source_type " << types[i];
-    }
-    PLC_driver.request_queue.clear();
-    PLC_driver.request_queue.append(make_request(make_var(4, 0, 1, 1, 11), QByteArray(12, 0), 11, 9, 2));
-    EXPECT_EQ(SwitchErrorReturn(170), 182); // the top of the last family
-    reset_driver(nullptr);
+    return os << "outcome " << c.outcome;
 }
+
+const OutcomeCase kOutcomes[] = {{0, 1},   {1, 16},  {2, 46},  {3, 76},  {4, 100},
+                                 {5, 116}, {6, 146}, {7, 176}, {8, 200}, {-1, 200}};
+
+class ReturnCodes : public DriverTableTest<OutcomeCase> {};
+
+// An error family: its outcome and base; the requester's kind is added.
+struct Family {
+    int outcome;
+    int base;
+};
+
+std::ostream &operator<<(std::ostream &os, const Family &f)
+{
+    return os << "outcome " << f.outcome << " base " << f.base;
+}
+
+const Family kFamilies[] = {{1, 10}, {2, 40}, {3, 70}, {5, 110}, {6, 140}, {7, 170}};
+
+class ErrorFamilies : public DriverTableTest<Family> {};
+
+} // namespace
+
+TEST_P(ReturnCodes, OutcomeMapsToItsCode)
+{
+    queue_for_requester(5);
+    EXPECT_EQ(GetDriverReturnValue(GetParam().outcome), GetParam().code);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryOutcome, ReturnCodes, ::testing::ValuesIn(kOutcomes));
+
+TEST_P(ErrorFamilies, SwitchErrorReturnAddsTheRequesterKind)
+{
+    const Family &f = GetParam();
+    // Requester kinds 1..11 each have their own code; any other kind takes base + 1.
+    const struct {
+        int source_type;
+        int above_base;
+    } requesters[] = {{0, 1}, {1, 2}, {5, 6}, {11, 12}, {12, 1}, {-3, 1}};
+    for (const auto &r : requesters) {
+        queue_for_requester(r.source_type);
+        EXPECT_EQ(SwitchErrorReturn(f.base), f.base + r.above_base) << "source_type " << r.source_type;
+        EXPECT_EQ(GetDriverReturnValue(f.outcome), f.base + r.above_base) << "source_type " << r.source_type;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryFamily, ErrorFamilies, ::testing::ValuesIn(kFamilies));
 
 // ------------------------------------------------------------ area handlers
 

@@ -2,21 +2,14 @@
 // the read-modify-write of a bit or a byte inside a register.
 #include <gtest/gtest.h>
 
-#include "exchange_test_support.h"
+#include "driver_fixture.h"
 
 #include <cstring>
 
 namespace {
 
-class Storage : public ::testing::Test {
+class Storage : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(&info);
-    }
-    void TearDown() override { reset_driver(nullptr); }
-
     // Queues a read whose reply carries its data from header_len on.
     static void queue_read(const RW_VAR &var, int header_len, int data_len)
     {
@@ -29,8 +22,6 @@ protected:
     {
         return QByteArray(header_len, char(0x5A)) + data;
     }
-
-    ComInfo info;
 };
 
 // ------------------------------------------------------------ save_to_local_data_erea

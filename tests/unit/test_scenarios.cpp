@@ -4,12 +4,14 @@
 // values through GetRegisterData.
 #include <gtest/gtest.h>
 
-#include "exchange_test_support.h"
+#include "driver_fixture.h"
 #include "plc_model.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <ostream>
+#include <string>
 
 namespace {
 
@@ -39,18 +41,8 @@ int write_value(int kind, const char *address, int station, const QByteArray &va
                            source_id);
 }
 
-class Scenario : public ::testing::Test {
+class Scenario : public ExchangeTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(nullptr);
-        SetComInfo(&info);
-        callback_events().clear();
-        RegistCallBackFuncIntf(record_write_done, record_read_done);
-    }
-    void TearDown() override { reset_driver(nullptr); }
-
     // One exchange: the request to send, the PLC's answer, the result.
     // Returns the status of the result record, or -1000 when nothing was sent;
     // sent receives a copy of the request (the driver frees its own).
@@ -72,8 +64,6 @@ protected:
         QByteArray r = bytes_in;
         return DataCom(&r, length)->status;
     }
-
-    ComInfo info;
 };
 
 // ------------------------------------------------------------ scenarios
@@ -494,49 +484,62 @@ protected:
     Plc plc;
 };
 
-TEST_F(BadReplies, EmptyReply)
+namespace {
+
+// A bad reply made from the good one, the length DataCom is given with it
+// (kArraySize: the bad reply's own size) and the code of its give-up.
+struct BadReplyCase {
+    const char *what;
+    QByteArray (*make)(const QByteArray &good);
+    int length;
+    int code;
+};
+const int kArraySize = -1;
+
+std::ostream &operator<<(std::ostream &os, const BadReplyCase &c)
 {
-    expect_rejected(QByteArray(), 0, 41);
+    return os << c.what;
 }
 
-TEST_F(BadReplies, ShortReply)
+QByteArray as_it_is(const QByteArray &good)
 {
-    const QByteArray g = good_reply();
-    expect_rejected(g.left(20), 20, 71);
+    return good;
 }
 
-TEST_F(BadReplies, LongReply)
+const BadReplyCase kBadReplies[] = {
+    {"EmptyReply", [](const QByteArray &) { return QByteArray(); }, 0, 41},
+    {"ShortReply", [](const QByteArray &g) { return g.left(20); }, kArraySize, 71},
+    {"LongReply", [](const QByteArray &g) { return g + QByteArray(3, 0); }, kArraySize, 71},
+    {"WrongTransactionIdentifier",
+     [](const QByteArray &g) {
+         QByteArray b = g;
+         b[1] = char(b[1] + 1);
+         return b;
+     },
+     kArraySize, 11},
+    // A 9-byte exception response where 29 bytes are expected.
+    {"ModbusExceptionResponse",
+     [](const QByteArray &g) {
+         return g.left(4) + bytes({0, 3, 1, 0x83, 0x02});
+     },
+     kArraySize, 71},
+    {"LengthArgumentSmallerThanTheArray", as_it_is, 12, 71},
+    {"LengthArgumentZeroWithAFullArray", as_it_is, 0, 41},
+};
+
+class BadReplyTable : public BadReplies, public ::testing::WithParamInterface<BadReplyCase> {};
+
+} // namespace
+
+TEST_P(BadReplyTable, IsRetriedThenGivenUpAndChangesNothing)
 {
-    const QByteArray g = good_reply();
-    expect_rejected(g + QByteArray(3, 0), g.size() + 3, 71);
+    const BadReplyCase &c = GetParam();
+    const QByteArray bad = c.make(good_reply());
+    expect_rejected(bad, c.length == kArraySize ? bad.size() : c.length, c.code);
 }
 
-TEST_F(BadReplies, WrongTransactionIdentifier)
-{
-    QByteArray g = good_reply();
-    g[1] = char(g[1] + 1);
-    expect_rejected(g, g.size(), 11);
-}
-
-TEST_F(BadReplies, ModbusExceptionResponse)
-{
-    QByteArray g = good_reply();
-    QByteArray ex = g.left(4) + bytes({0, 3, 1, 0x83, 0x02});
-    ASSERT_EQ(ex.size(), 9);
-    expect_rejected(ex, 9, 71);
-}
-
-TEST_F(BadReplies, LengthArgumentSmallerThanTheArray)
-{
-    const QByteArray g = good_reply();
-    expect_rejected(g, 12, 71);
-}
-
-TEST_F(BadReplies, LengthArgumentZeroWithAFullArray)
-{
-    const QByteArray g = good_reply();
-    expect_rejected(g, 0, 41);
-}
+INSTANTIATE_TEST_SUITE_P(Kinds, BadReplyTable, ::testing::ValuesIn(kBadReplies),
+                         [](const ::testing::TestParamInfo<BadReplyCase> &p) { return std::string(p.param.what); });
 
 TEST_F(BadReplies, NullReplyPointer)
 {

@@ -1,9 +1,10 @@
 // GetRegisterData: the runtime's reads of variable values from the mirror.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <initializer_list>
+#include <ostream>
 
 namespace {
 
@@ -12,14 +13,8 @@ void put_bit(int station, int cls, qint32 addr, uchar value)
     PLC_driver.bit_mirror.insert(mirror_key(station, cls, addr), value);
 }
 
-class HostRead : public ::testing::Test {
+class DataRead : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(&info);
-    }
-
     // Reads into a buffer that starts with unrelated contents.
     int read(int kind, const QString &address, int station, int count)
     {
@@ -27,7 +22,6 @@ protected:
         return GetRegisterData(nullptr, kind, address, station, &out, count);
     }
 
-    ComInfo info;
     QByteArray out;
 };
 
@@ -35,7 +29,7 @@ protected:
 
 // ---- layout of every kind ----
 
-TEST_F(HostRead, BitKindsOneBytePerBit)
+TEST_F(DataRead, BitKindsOneBytePerBit)
 {
     put_bit(1, 1, 10, 1);
     put_bit(1, 1, 11, 0);
@@ -48,7 +42,7 @@ TEST_F(HostRead, BitKindsOneBytePerBit)
     EXPECT_EQ(out, bytes({0, 0, 1, 0}));
 }
 
-TEST_F(HostRead, WordKindsLowByteFirst)
+TEST_F(DataRead, WordKindsLowByteFirst)
 {
     put_word(1, 2, 100, 0x1234);
     put_word(1, 2, 102, 0xABCD);
@@ -62,7 +56,7 @@ TEST_F(HostRead, WordKindsLowByteFirst)
     EXPECT_EQ(out, bytes({0x88, 0x77, 0, 0}));
 }
 
-TEST_F(HostRead, Kind5BitsAcrossAWordBoundary)
+TEST_F(DataRead, Kind5BitsAcrossAWordBoundary)
 {
     put_word(1, 4, 0, 0x8000);
     put_word(1, 4, 1, 0x0001);
@@ -70,7 +64,7 @@ TEST_F(HostRead, Kind5BitsAcrossAWordBoundary)
     EXPECT_EQ(out, bytes({0, 1, 1, 0}));
 }
 
-TEST_F(HostRead, Kind7PacksBytesAtTheStartAndZeroesTheSecondHalf)
+TEST_F(DataRead, Kind7PacksBytesAtTheStartAndZeroesTheSecondHalf)
 {
     put_word(1, 3, 0, 0x1122);
     put_word(1, 3, 1, 0x3344);
@@ -78,7 +72,7 @@ TEST_F(HostRead, Kind7PacksBytesAtTheStartAndZeroesTheSecondHalf)
     EXPECT_EQ(out, bytes({0x11, 0x44, 0x33, 0x00, 0x00, 0x00}));
 }
 
-TEST_F(HostRead, Kinds6And8ReadTheirOwnClass)
+TEST_F(DataRead, Kinds6And8ReadTheirOwnClass)
 {
     put_word(1, 2, 5, 0xA1B2);
     put_word(1, 4, 5, 0xC3D4);
@@ -88,19 +82,57 @@ TEST_F(HostRead, Kinds6And8ReadTheirOwnClass)
     EXPECT_EQ(out, bytes({0xC3, 0}));
 }
 
-TEST_F(HostRead, DoubleWordSizesRoundUp)
+namespace {
+
+struct SizeCase {
+    int kind, count;
+    int size; // bytes of the runtime's buffer
+};
+
+std::ostream &operator<<(std::ostream &os, const SizeCase &c)
 {
-    EXPECT_EQ(read(11, "0", 1, 3), 1);
-    EXPECT_EQ(out.size(), 8);
-    EXPECT_EQ(read(11, "0", 1, 1), 1);
-    EXPECT_EQ(out.size(), 4);
-    EXPECT_EQ(read(9, "0", 1, 2), 1);
-    EXPECT_EQ(out.size(), 4);
-    EXPECT_EQ(read(10, "0", 1, 4), 1);
-    EXPECT_EQ(out.size(), 8);
+    return os << "kind " << c.kind << " count " << c.count;
 }
 
-TEST_F(HostRead, DoubleWordLayout)
+const SizeCase kSizes[] = {
+    // A byte per bit.
+    {0, 5, 5},
+    {1, 9, 9},
+    {5, 3, 3},
+    // Two bytes per register, and per byte (the bytes packed at the start).
+    {2, 3, 6},
+    {3, 1, 2},
+    {4, 2, 4},
+    {6, 3, 6},
+    {7, 1, 2},
+    {8, 4, 8},
+    // 32-bit values: the count in registers, rounded up to whole values.
+    {11, 3, 8},
+    {11, 1, 4},
+    {9, 2, 4},
+    {10, 4, 8},
+    // 64-bit values likewise.
+    {14, 5, 16},
+    {12, 4, 8},
+    {13, 1, 8},
+};
+
+class BufferSizes : public DriverTableTest<SizeCase> {};
+
+} // namespace
+
+TEST_P(BufferSizes, FollowTheKindsUnits)
+{
+    const SizeCase &c = GetParam();
+    const QString address = plckinds::is_bit_addressed(c.kind) ? QStringLiteral("0.0") : QStringLiteral("0");
+    QByteArray out("previous contents");
+    EXPECT_EQ(GetRegisterData(nullptr, c.kind, address, 1, &out, c.count), 1);
+    EXPECT_EQ(out, QByteArray(c.size, '\0'));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, BufferSizes, ::testing::ValuesIn(kSizes));
+
+TEST_F(DataRead, DoubleWordLayout)
 {
     // Double word 3 is words 6 and 7, double word 4 words 8 and 9.
     put_word(1, 4, 6, 0x0201);
@@ -117,17 +149,7 @@ TEST_F(HostRead, DoubleWordLayout)
     EXPECT_EQ(out, bytes({0xCC, 0xDD, 0, 0}));
 }
 
-TEST_F(HostRead, QuadWordSizesRoundUp)
-{
-    EXPECT_EQ(read(14, "0", 1, 5), 1);
-    EXPECT_EQ(out.size(), 16);
-    EXPECT_EQ(read(12, "0", 1, 4), 1);
-    EXPECT_EQ(out.size(), 8);
-    EXPECT_EQ(read(13, "0", 1, 1), 1);
-    EXPECT_EQ(out.size(), 8);
-}
-
-TEST_F(HostRead, QuadWordLayout)
+TEST_F(DataRead, QuadWordLayout)
 {
     // Quad word 2 is words 8..11; word 10 is missing.
     put_word(1, 3, 8, 0x1100);
@@ -145,7 +167,7 @@ TEST_F(HostRead, QuadWordLayout)
     EXPECT_EQ(out, bytes({0, 0, 0, 0, 0, 0, 0xFF, 0xFF}));
 }
 
-TEST_F(HostRead, OneClassManyViews)
+TEST_F(DataRead, OneClassManyViews)
 {
     RW_VAR w;
     w.reg_kind = 14;
@@ -165,7 +187,7 @@ TEST_F(HostRead, OneClassManyViews)
 
 // ---- stations ----
 
-TEST_F(HostRead, StationFromAddressZeroUsesTheDefaultStation)
+TEST_F(DataRead, StationFromAddressZeroUsesTheDefaultStation)
 {
     info.station_from_address = 0;
     info.default_station = 3;
@@ -177,7 +199,7 @@ TEST_F(HostRead, StationFromAddressZeroUsesTheDefaultStation)
     EXPECT_EQ(out, bytes({0x42, 0x42}));
 }
 
-TEST_F(HostRead, StationFromAddressUsesTheArgument)
+TEST_F(DataRead, StationFromAddressUsesTheArgument)
 {
     put_word(3, 4, 0, 0x4242);
     put_word(9, 4, 0, 0x0909);
@@ -191,7 +213,7 @@ TEST_F(HostRead, StationFromAddressUsesTheArgument)
 
 // ---- bad input ----
 
-TEST_F(HostRead, InvalidAddressGivesZeroAndZeroBytes)
+TEST_F(DataRead, InvalidAddressGivesZeroAndZeroBytes)
 {
     put_word(1, 4, 0, 0xFFFF);
     EXPECT_EQ(read(4, "x", 1, 3), 0);
@@ -206,7 +228,7 @@ TEST_F(HostRead, InvalidAddressGivesZeroAndZeroBytes)
     EXPECT_EQ(out, QByteArray(2, '\0'));
 }
 
-TEST_F(HostRead, UnknownKindGivesOneAndZeroBytes)
+TEST_F(DataRead, UnknownKindGivesOneAndZeroBytes)
 {
     put_word(1, 4, 7, 0xFFFF);
     for (int kind : {15, 16, -1, 255}) {
@@ -215,7 +237,7 @@ TEST_F(HostRead, UnknownKindGivesOneAndZeroBytes)
     }
 }
 
-TEST_F(HostRead, CountZeroGivesAnEmptyBufferForEveryKind)
+TEST_F(DataRead, CountZeroGivesAnEmptyBufferForEveryKind)
 {
     put_word(1, 4, 0, 0xFFFF);
     for (int kind = 0; kind <= 15; ++kind) {
@@ -225,7 +247,7 @@ TEST_F(HostRead, CountZeroGivesAnEmptyBufferForEveryKind)
     }
 }
 
-TEST_F(HostRead, NegativeCountKeepsTheLengthZeroFilled)
+TEST_F(DataRead, NegativeCountKeepsTheLengthZeroFilled)
 {
     put_word(1, 4, 0, 0xFFFF);
     for (int kind = 0; kind <= 15; ++kind) {
@@ -237,7 +259,7 @@ TEST_F(HostRead, NegativeCountKeepsTheLengthZeroFilled)
     EXPECT_EQ(out, QByteArray(17, '\0'));
 }
 
-TEST_F(HostRead, OversizedCountKeepsTheLengthZeroFilled)
+TEST_F(DataRead, OversizedCountKeepsTheLengthZeroFilled)
 {
     EXPECT_EQ(read(4, "0", 1, 0x40000000), 1);
     EXPECT_EQ(out, QByteArray(17, '\0'));
@@ -245,7 +267,7 @@ TEST_F(HostRead, OversizedCountKeepsTheLengthZeroFilled)
     EXPECT_EQ(out, QByteArray(17, '\0'));
 }
 
-TEST_F(HostRead, NullBufferIsHarmless)
+TEST_F(DataRead, NullBufferIsHarmless)
 {
     put_word(1, 4, 0, 1);
     EXPECT_EQ(GetRegisterData(nullptr, 4, "0", 1, nullptr, 2), 1);
@@ -254,7 +276,7 @@ TEST_F(HostRead, NullBufferIsHarmless)
     EXPECT_EQ(PLC_driver.word_mirror.size(), 1);
 }
 
-TEST_F(HostRead, FirstArgumentIsIgnored)
+TEST_F(DataRead, FirstArgumentIsIgnored)
 {
     put_word(1, 4, 0, 0x0102);
     int anything = 5;
@@ -265,7 +287,7 @@ TEST_F(HostRead, FirstArgumentIsIgnored)
     EXPECT_EQ(a, bytes({0x02, 0x01}));
 }
 
-TEST_F(HostRead, ReadsNeverCreateEntries)
+TEST_F(DataRead, ReadsNeverCreateEntries)
 {
     put_word(1, 4, 1000, 1);
     put_bit(1, 1, 1000, 1);

@@ -2,9 +2,12 @@
 // values, cut into request-sized records, queued and/or mirrored.
 #include <gtest/gtest.h>
 
-#include "driver_test_support.h"
+#include "driver_fixture.h"
 
 #include <initializer_list>
+#include <ostream>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -17,14 +20,8 @@ QByteArray ramp(int n)
     return out;
 }
 
-class HostWrite : public ::testing::Test {
+class DataWrite : public DriverTest {
 protected:
-    void SetUp() override
-    {
-        info = make_com_info();
-        reset_driver(&info);
-    }
-
     int write(int kind, const QString &address, QByteArray value, int count, int station = 1)
     {
         const QByteArray before = value;
@@ -34,15 +31,13 @@ protected:
     }
 
     const QList<RW_VAR> &queued() const { return PLC_driver.write_list; }
-
-    ComInfo info;
 };
 
 } // namespace
 
 // ---- record fields ----
 
-TEST_F(HostWrite, QueuedRecordFields)
+TEST_F(DataWrite, QueuedRecordFields)
 {
     info.link_mode = 3;
     info.local_link_id = 9;
@@ -67,7 +62,7 @@ TEST_F(HostWrite, QueuedRecordFields)
     EXPECT_EQ(r.data, bytes({0x34, 0x12, 0x78, 0x56}));
 }
 
-TEST_F(HostWrite, StationFromAddressZeroUsesTheDefaultStation)
+TEST_F(DataWrite, StationFromAddressZeroUsesTheDefaultStation)
 {
     info.station_from_address = 0;
     info.default_station = 12;
@@ -83,7 +78,7 @@ TEST_F(HostWrite, StationFromAddressZeroUsesTheDefaultStation)
 
 // ---- write_mode and comm_failed ----
 
-TEST_F(HostWrite, WriteMode1GoesToTheMirrorOnly)
+TEST_F(DataWrite, WriteMode1GoesToTheMirrorOnly)
 {
     info.write_mode = 1;
     put_word(1, 4, 9, 0x0909);
@@ -101,7 +96,7 @@ TEST_F(HostWrite, WriteMode1GoesToTheMirrorOnly)
     EXPECT_EQ(out, bytes({0x01, 0x02, 0x03, 0x04}));
 }
 
-TEST_F(HostWrite, WriteModesOtherThanTwoAreMirrorOnly)
+TEST_F(DataWrite, WriteModesOtherThanTwoAreMirrorOnly)
 {
     for (int mode : {0, 3, -2}) {
         info.write_mode = mode;
@@ -111,7 +106,7 @@ TEST_F(HostWrite, WriteModesOtherThanTwoAreMirrorOnly)
     }
 }
 
-TEST_F(HostWrite, WriteMode2QueuesAndLeavesTheMirror)
+TEST_F(DataWrite, WriteMode2QueuesAndLeavesTheMirror)
 {
     EXPECT_EQ(write(4, "10", bytes({0x01, 0x02, 0x03, 0x04}), 2), 1);
     ASSERT_EQ(queued().size(), 1);
@@ -119,7 +114,7 @@ TEST_F(HostWrite, WriteMode2QueuesAndLeavesTheMirror)
     EXPECT_TRUE(PLC_driver.bit_mirror.isEmpty());
 }
 
-TEST_F(HostWrite, WriteMode2WithCommFailedDoesBoth)
+TEST_F(DataWrite, WriteMode2WithCommFailedDoesBoth)
 {
     PLC_driver.comm_failed = true;
     EXPECT_EQ(write(4, "10", bytes({0x01, 0x02, 0x03, 0x04}), 2), 1);
@@ -129,7 +124,7 @@ TEST_F(HostWrite, WriteMode2WithCommFailedDoesBoth)
     EXPECT_EQ(word_entry(1, 4, 11), 0x0403);
 }
 
-TEST_F(HostWrite, FullWriteListLosesTheWriteWhenCommIsGood)
+TEST_F(DataWrite, FullWriteListLosesTheWriteWhenCommIsGood)
 {
     RW_VAR filler;
     for (int i = 0; i < 2048; ++i)
@@ -144,7 +139,7 @@ TEST_F(HostWrite, FullWriteListLosesTheWriteWhenCommIsGood)
 
 // ---- chunking by kind ----
 
-TEST_F(HostWrite, Kind1PacksOneInputBytePerBit)
+TEST_F(DataWrite, Kind1PacksOneInputBytePerBit)
 {
     EXPECT_EQ(write(1, "2.3", bytes({1, 0, 1, 0, 0, 0, 0, 0, 0, 9}), 10), 1);
     ASSERT_EQ(queued().size(), 1);
@@ -154,7 +149,7 @@ TEST_F(HostWrite, Kind1PacksOneInputBytePerBit)
     EXPECT_EQ(r.data, bytes({0x05, 0x02}));
 }
 
-TEST_F(HostWrite, Kind1LaterChunksCarryZeroBits)
+TEST_F(DataWrite, Kind1LaterChunksCarryZeroBits)
 {
     info.max_read_units = 2; // 16 bits per chunk
     QByteArray value(40, char(1));
@@ -171,7 +166,7 @@ TEST_F(HostWrite, Kind1LaterChunksCarryZeroBits)
     EXPECT_EQ(queued()[2].data, bytes({0}));
 }
 
-TEST_F(HostWrite, Kind1FirstChunkTakesTheBitsAtTheCursor)
+TEST_F(DataWrite, Kind1FirstChunkTakesTheBitsAtTheCursor)
 {
     info.max_read_units = 1; // 8 bits per chunk
     EXPECT_EQ(write(1, "0.0", bytes({0, 1, 1, 0, 0, 0, 0, 1, 1, 1, 1}), 11), 2);
@@ -183,7 +178,7 @@ TEST_F(HostWrite, Kind1FirstChunkTakesTheBitsAtTheCursor)
     EXPECT_EQ(queued()[1].data, bytes({0x00}));
 }
 
-TEST_F(HostWrite, Kind1InTheMirror)
+TEST_F(DataWrite, Kind1InTheMirror)
 {
     info.write_mode = 1;
     info.max_read_units = 1;
@@ -199,35 +194,79 @@ TEST_F(HostWrite, Kind1InTheMirror)
     EXPECT_EQ(PLC_driver.bit_mirror.size(), 12);
 }
 
-TEST_F(HostWrite, WordsChunkedByMaxReadUnits)
+namespace {
+
+// One record expected in the write list: its start, its count (in values)
+// and the bytes of the input it carries.
+struct Chunk {
+    int start, count;
+    int from, length;
+};
+
+struct ChunkCase {
+    const char *what;
+    int kind, max_read_units;
+    const char *address;
+    int input_length; // of a ramp 0, 1, 2, ...
+    int count;
+    std::vector<Chunk> chunks;
+};
+
+std::ostream &operator<<(std::ostream &os, const ChunkCase &c)
 {
-    EXPECT_EQ(write(4, "1000", ramp(600), 300), 3);
-    ASSERT_EQ(queued().size(), 3);
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(queued()[c].start_addr, 1000 + 100 * c);
-        EXPECT_EQ(queued()[c].count, 100);
-        EXPECT_EQ(queued()[c].data, ramp(600).mid(200 * c, 200));
-        EXPECT_EQ(queued()[c].reg_kind, 4);
+    return os << c.what;
+}
+
+const ChunkCase kChunkCases[] = {
+    {"words_by_max_read_units",
+     4,
+     100,
+     "1000",
+     600,
+     300,
+     {{1000, 100, 0, 200}, {1100, 100, 200, 200}, {1200, 100, 400, 200}}},
+    // Register chunks are not capped at 50, whatever the unit limit.
+    {"words_not_capped_at_fifty", 3, 120, "0", 240, 120, {{0, 120, 0, 240}}},
+    {"words_past_the_limit", 3, 120, "0", 250, 125, {{0, 120, 0, 240}, {120, 5, 240, 10}}},
+    // 32-bit values: the count in registers, rounded up to whole values.
+    {"dwords_by_max_read_units", 11, 2, "4", 12, 5, {{4, 2, 0, 8}, {6, 1, 8, 4}}},
+    {"dwords_capped_at_fifty", 10, 100, "0", 480, 240, {{0, 50, 0, 200}, {50, 50, 200, 200}, {100, 20, 400, 80}}},
+    // 64-bit values likewise, at most 25 a chunk.
+    {"qwords_capped_at_twenty_five", 14, 100, "2", 480, 240, {{2, 25, 0, 200}, {27, 25, 200, 200}, {52, 10, 400, 80}}},
+    {"qword_count_rounds_up", 13, 3, "0", 8, 1, {{0, 1, 0, 8}}},
+};
+
+class WriteChunks : public DriverTableTest<ChunkCase> {
+protected:
+    int write(const ChunkCase &c)
+    {
+        QByteArray value = ramp(c.input_length);
+        return SetRegisterData("var", c.kind, c.address, 1, &value, c.count, 5, 6);
+    }
+};
+
+} // namespace
+
+TEST_P(WriteChunks, RecordsOfTheKindsBlockSize)
+{
+    const ChunkCase &c = GetParam();
+    info.max_read_units = c.max_read_units;
+    EXPECT_EQ(write(c), int(c.chunks.size()));
+    const QList<RW_VAR> &queued = PLC_driver.write_list;
+    ASSERT_EQ(queued.size(), int(c.chunks.size()));
+    for (int i = 0; i < queued.size(); ++i) {
+        const Chunk &e = c.chunks[size_t(i)];
+        EXPECT_EQ(queued[i].reg_kind, c.kind) << "chunk " << i;
+        EXPECT_EQ(queued[i].start_addr, e.start) << "chunk " << i;
+        EXPECT_EQ(queued[i].count, e.count) << "chunk " << i;
+        EXPECT_EQ(queued[i].data, ramp(c.input_length).mid(e.from, e.length)) << "chunk " << i;
     }
 }
 
-TEST_F(HostWrite, WordChunksAreNotCappedAtFifty)
-{
-    info.max_read_units = 120;
-    SetComInfo(&info);
-    EXPECT_EQ(write(3, "0", ramp(240), 120), 1);
-    ASSERT_EQ(queued().size(), 1);
-    EXPECT_EQ(queued()[0].count, 120);
-    EXPECT_EQ(queued()[0].data, ramp(240));
+INSTANTIATE_TEST_SUITE_P(RegisterKinds, WriteChunks, ::testing::ValuesIn(kChunkCases),
+                         [](const ::testing::TestParamInfo<ChunkCase> &p) { return std::string(p.param.what); });
 
-    EXPECT_EQ(write(3, "0", ramp(250), 125), 3);
-    EXPECT_EQ(queued()[1].count, 120);
-    EXPECT_EQ(queued()[2].count, 5);
-    EXPECT_EQ(queued()[2].start_addr, 120);
-    EXPECT_EQ(queued()[2].data, ramp(250).mid(240));
-}
-
-TEST_F(HostWrite, Kind5OneRecordPerBit)
+TEST_F(DataWrite, Kind5OneRecordPerBit)
 {
     EXPECT_EQ(write(5, "3.6", bytes({0x01, 0x00, 0x05}), 3), 3);
     ASSERT_EQ(queued().size(), 3);
@@ -241,7 +280,7 @@ TEST_F(HostWrite, Kind5OneRecordPerBit)
     EXPECT_EQ(queued()[2].data, bytes({0x01}));
 }
 
-TEST_F(HostWrite, Kind5InTheMirror)
+TEST_F(DataWrite, Kind5InTheMirror)
 {
     info.write_mode = 1;
     put_word(1, 4, 1, 0x0004);
@@ -250,7 +289,7 @@ TEST_F(HostWrite, Kind5InTheMirror)
     EXPECT_EQ(word_entry(1, 4, 1), 0x0007);
 }
 
-TEST_F(HostWrite, Kind8TakesTheLowByteOfEachElement)
+TEST_F(DataWrite, Kind8TakesTheLowByteOfEachElement)
 {
     EXPECT_EQ(write(8, "7", bytes({0x12, 0x34, 0x56, 0x78}), 2), 2);
     ASSERT_EQ(queued().size(), 2);
@@ -262,7 +301,7 @@ TEST_F(HostWrite, Kind8TakesTheLowByteOfEachElement)
     EXPECT_EQ(queued()[1].data, bytes({0x56}));
 }
 
-TEST_F(HostWrite, Kind7InTheMirror)
+TEST_F(DataWrite, Kind7InTheMirror)
 {
     info.write_mode = 1;
     put_word(1, 3, 2, 0x1234);
@@ -273,57 +312,7 @@ TEST_F(HostWrite, Kind7InTheMirror)
     EXPECT_EQ(PLC_driver.word_mirror.size(), 2);
 }
 
-TEST_F(HostWrite, Kind11DoubleWordChunks)
-{
-    info.max_read_units = 2;
-    EXPECT_EQ(write(11, "4", ramp(12), 5), 2);
-    ASSERT_EQ(queued().size(), 2);
-    EXPECT_EQ(queued()[0].start_addr, 4);
-    EXPECT_EQ(queued()[0].count, 2);
-    EXPECT_EQ(queued()[0].data, ramp(8));
-    EXPECT_EQ(queued()[1].start_addr, 6);
-    EXPECT_EQ(queued()[1].count, 1);
-    EXPECT_EQ(queued()[1].data, ramp(12).mid(8));
-}
-
-TEST_F(HostWrite, DoubleWordChunksCappedAtFifty)
-{
-    EXPECT_EQ(write(10, "0", ramp(480), 240), 3); // 120 double words
-    ASSERT_EQ(queued().size(), 3);
-    EXPECT_EQ(queued()[0].count, 50);
-    EXPECT_EQ(queued()[1].count, 50);
-    EXPECT_EQ(queued()[2].count, 20);
-    EXPECT_EQ(queued()[0].start_addr, 0);
-    EXPECT_EQ(queued()[1].start_addr, 50);
-    EXPECT_EQ(queued()[2].start_addr, 100);
-    EXPECT_EQ(queued()[1].data, ramp(480).mid(200, 200));
-    EXPECT_EQ(queued()[2].data.size(), 80);
-}
-
-TEST_F(HostWrite, QuadWordChunksCappedAtTwentyFive)
-{
-    EXPECT_EQ(write(14, "2", ramp(480), 240), 3); // 60 quad words
-    ASSERT_EQ(queued().size(), 3);
-    EXPECT_EQ(queued()[0].count, 25);
-    EXPECT_EQ(queued()[1].count, 25);
-    EXPECT_EQ(queued()[2].count, 10);
-    EXPECT_EQ(queued()[0].start_addr, 2);
-    EXPECT_EQ(queued()[1].start_addr, 27);
-    EXPECT_EQ(queued()[2].start_addr, 52);
-    EXPECT_EQ(queued()[0].data, ramp(200));
-    EXPECT_EQ(queued()[2].data, ramp(480).mid(400));
-}
-
-TEST_F(HostWrite, QuadWordCountRoundsUp)
-{
-    info.max_read_units = 3;
-    EXPECT_EQ(write(13, "0", ramp(8), 1), 1);
-    ASSERT_EQ(queued().size(), 1);
-    EXPECT_EQ(queued()[0].count, 1);
-    EXPECT_EQ(queued()[0].data, ramp(8));
-}
-
-TEST_F(HostWrite, MultiWordKindsInTheMirror)
+TEST_F(DataWrite, MultiWordKindsInTheMirror)
 {
     info.write_mode = 1;
     put_word(1, 4, 19, 0x1919);
@@ -343,7 +332,7 @@ TEST_F(HostWrite, MultiWordKindsInTheMirror)
 
 // ---- kinds that write nothing ----
 
-TEST_F(HostWrite, ReadOnlyAndUnknownKindsChangeNothing)
+TEST_F(DataWrite, ReadOnlyAndUnknownKindsChangeNothing)
 {
     PLC_driver.write_list.append(RW_VAR());
     for (int mode : {1, 2}) {
@@ -358,7 +347,7 @@ TEST_F(HostWrite, ReadOnlyAndUnknownKindsChangeNothing)
     EXPECT_TRUE(PLC_driver.bit_mirror.isEmpty());
 }
 
-TEST_F(HostWrite, CountZeroOrNegativeChangesNothing)
+TEST_F(DataWrite, CountZeroOrNegativeChangesNothing)
 {
     PLC_driver.write_list.append(RW_VAR());
     for (int mode : {1, 2}) {
@@ -374,7 +363,7 @@ TEST_F(HostWrite, CountZeroOrNegativeChangesNothing)
     EXPECT_TRUE(PLC_driver.bit_mirror.isEmpty());
 }
 
-TEST_F(HostWrite, InvalidAddressGivesZero)
+TEST_F(DataWrite, InvalidAddressGivesZero)
 {
     PLC_driver.write_list.append(RW_VAR());
     for (int mode : {1, 2}) {
@@ -392,7 +381,7 @@ TEST_F(HostWrite, InvalidAddressGivesZero)
 
 // ---- short, empty and missing value buffers ----
 
-TEST_F(HostWrite, ShortValueIsCompletedWithZeros)
+TEST_F(DataWrite, ShortValueIsCompletedWithZeros)
 {
     EXPECT_EQ(write(4, "0", bytes({0x11, 0x22, 0x33}), 3), 1);
     EXPECT_EQ(queued()[0].data, bytes({0x11, 0x22, 0x33, 0, 0, 0}));
@@ -414,7 +403,7 @@ TEST_F(HostWrite, ShortValueIsCompletedWithZeros)
     EXPECT_EQ(queued()[7].data, bytes({0x03}));
 }
 
-TEST_F(HostWrite, EmptyOrMissingValueWritesZeros)
+TEST_F(DataWrite, EmptyOrMissingValueWritesZeros)
 {
     info.write_mode = 1;
     put_word(1, 4, 0, 0xFFFF);
@@ -440,7 +429,7 @@ TEST_F(HostWrite, EmptyOrMissingValueWritesZeros)
 
 // ---- max_read_units of 0 or below ----
 
-TEST_F(HostWrite, MaxReadUnitsZeroOrNegativeIsTakenAsOne)
+TEST_F(DataWrite, MaxReadUnitsZeroOrNegativeIsTakenAsOne)
 {
     for (int units : {0, -1, -100}) {
         reset_driver(&info);
@@ -469,7 +458,7 @@ TEST_F(HostWrite, MaxReadUnitsZeroOrNegativeIsTakenAsOne)
     }
 }
 
-TEST_F(HostWrite, MissingComInfoWritesNothing)
+TEST_F(DataWrite, MissingComInfoWritesNothing)
 {
     reset_driver(nullptr);
     QByteArray value = ramp(4);
@@ -480,7 +469,7 @@ TEST_F(HostWrite, MissingComInfoWritesNothing)
 
 // ---- QueryFinishFlag ----
 
-TEST_F(HostWrite, QueryFinishFlagIsAlwaysOne)
+TEST_F(DataWrite, QueryFinishFlagIsAlwaysOne)
 {
     EXPECT_EQ(QueryFinishFlag(), 1);
     write(4, "0", ramp(4), 2);

@@ -18,11 +18,11 @@ TagReading reading(const std::string &name, int kind, const std::string &address
                    std::vector<uint64_t> values)
 {
     TagReading r;
-    r.spec.plc.name = name;
-    r.spec.plc.kind = kind;
-    r.spec.plc.address = address;
-    r.spec.plc.station = station;
-    r.spec.plc.count = count;
+    r.tag.plc.name = name;
+    r.tag.plc.kind = kind;
+    r.tag.plc.address = address;
+    r.tag.plc.station = station;
+    r.tag.plc.count = count;
     r.values = std::move(values);
     return r;
 }
@@ -220,6 +220,14 @@ WriteReport write_report()
     return r;
 }
 
+// A write that was not answered, so nothing was read back.
+void unanswered(WriteReport &r, plchost::DoneResult result)
+{
+    r.result = result;
+    r.read_back = WriteReport::ReadBack::NotTried;
+    r.read_values.clear();
+}
+
 } // namespace
 
 struct WriteCase {
@@ -253,18 +261,10 @@ INSTANTIATE_TEST_SUITE_P(
                   },
                   "write kind 4 (word (class 4)) address 10 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> ok\n"
                   "read back: (read back failed)\n"},
-        WriteCase{[](WriteReport &r) {
-                      r.result = plchost::DoneResult::Failed;
-                      r.read_back = WriteReport::ReadBack::NotTried;
-                      r.read_values.clear();
-                  },
+        WriteCase{[](WriteReport &r) { unanswered(r, plchost::DoneResult::Failed); },
                   "write kind 4 (word (class 4)) address 10 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> "
                   "failed (communication failed)\n"},
-        WriteCase{[](WriteReport &r) {
-                      r.result = plchost::DoneResult::TimedOut;
-                      r.read_back = WriteReport::ReadBack::NotTried;
-                      r.read_values.clear();
-                  },
+        WriteCase{[](WriteReport &r) { unanswered(r, plchost::DoneResult::TimedOut); },
                   "write kind 4 (word (class 4)) address 10 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> "
                   "failed (no completion in time)\n"}));
 
@@ -275,9 +275,7 @@ TEST(PlcpollOutput, WriteAsJson)
                                 R"("values":[1234,48879]},)";
     EXPECT_EQ(plcpoll::render_write(View::Json, r),
               written + R"("result":"ok","read_back":[1234,48879],"stats":)" + kStatsJson + "}\n");
-    r.result = plchost::DoneResult::TimedOut;
-    r.read_back = WriteReport::ReadBack::NotTried;
-    r.read_values.clear();
+    unanswered(r, plchost::DoneResult::TimedOut);
     EXPECT_EQ(plcpoll::render_write(View::Json, r),
               written + R"("result":"failed","read_back":[],"stats":)" + kStatsJson + "}\n");
 }

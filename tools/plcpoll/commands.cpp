@@ -14,7 +14,6 @@ namespace plcpoll {
 
 namespace {
 
-using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
@@ -24,8 +23,9 @@ constexpr int kWriteSource = 1;
 constexpr int kReadBackSource = 2;
 // The write-done callback's result of a request that was answered.
 constexpr int kWriteDoneOk = 1;
-// DataCom's return codes of a good reply (docs/integrating.md).
-constexpr int kGoodReply = 1, kGoodLastReply = 100;
+// DataCom's return codes of a good reply for a local-area and a remote-area
+// variable (docs/integrating.md, return codes).
+constexpr int kGoodLocalReply = 1, kGoodRemoteReply = 100;
 
 // The live table is not redrawn more often than this.
 constexpr milliseconds kShortestRefresh{100};
@@ -64,7 +64,7 @@ milliseconds pass_wait(const Settings &s, size_t tags)
 void install_debug_log(plchost::Host &host)
 {
     host.set_reply_hook([](const plchost::ReplyEvent &e) {
-        if (e.status != kGoodReply && e.status != kGoodLastReply)
+        if (e.status != kGoodLocalReply && e.status != kGoodRemoteReply)
             qWarning("request to station %d (kind %d, address %d, count %d) failed: code %d, %d bytes%s", e.station,
                      e.reg_kind, e.start_addr, e.count, e.status, e.bytes, e.timed_out ? ", no reply" : "");
     });
@@ -129,7 +129,7 @@ private:
 struct Poll {
     plchost::Host &host;
     const Settings &settings;
-    const std::vector<TagSpec> &tags;
+    const std::vector<PollTag> &tags;
     const Console &console;
     PollTimer timer;
 
@@ -141,10 +141,10 @@ struct Poll {
         now.elapsed_s = timer.elapsed_s();
         now.connected = host.connected(0);
         now.stats = host.stats();
-        for (const TagSpec &spec : tags) {
+        for (const PollTag &tag : tags) {
             std::vector<uint8_t> bytes;
-            host.read(spec.plc, &bytes);
-            now.tags.push_back({spec, plchost::decode_values(spec.plc.kind, spec.plc.count, bytes)});
+            host.read(tag.plc, &bytes);
+            now.tags.push_back({tag, plchost::decode_values(tag.plc.kind, tag.plc.count, bytes)});
         }
         return now;
     }
@@ -203,18 +203,18 @@ Exit poll_until_stopped(const Poll &poll)
     return {};
 }
 
-Exit run_poll(const Settings &s, const std::vector<TagSpec> &tags, const Console &console)
+Exit run_poll(const Settings &s, const std::vector<PollTag> &tags, const Console &console)
 {
     if (tags.empty())
         return usage_error("no tags: give --tag or --tags FILE (see --help)");
     plchost::Host host(host_config(s));
     std::vector<plchost::Tag> plc_tags;
-    for (const TagSpec &spec : tags)
-        plc_tags.push_back(spec.plc);
+    for (const PollTag &tag : tags)
+        plc_tags.push_back(tag.plc);
     host.set_tags(plc_tags);
     if (const auto error = start_host(host, s, console))
         return *error;
-    const Poll poll{host, s, tags, console, PollTimer(s, *console.interrupted)};
+    const Poll poll{host, s, tags, console, PollTimer(s, console.interrupted)};
     return s.once ? poll_once(poll) : poll_until_stopped(poll);
 }
 
@@ -319,7 +319,7 @@ plchost::HostConfig host_config(const Settings &s)
     return c;
 }
 
-Exit run_command(const Settings &settings, const std::vector<TagSpec> &tags, const Console &console)
+Exit run_command(const Settings &settings, const std::vector<PollTag> &tags, const Console &console)
 {
     switch (settings.command) {
     case Command::Help: console.out << usage_text(); return {};

@@ -19,11 +19,11 @@ struct Console {
     std::ostream &out;
     std::ostream &err;                    // the frame trace, written on the host's communication thread
     bool terminal = false;                // out is a terminal: the live table is redrawn in place
-    const std::atomic<bool> *interrupted; // set when the user asks the poll to stop (Ctrl-C)
+    const std::atomic<bool> &interrupted; // set when the user asks the poll to stop (Ctrl-C)
 };
 
 // Runs the command of the settings on the tags.
-Exit run_command(const Settings &settings, const std::vector<TagSpec> &tags, const Console &console);
+Exit run_command(const Settings &settings, const std::vector<PollTag> &tags, const Console &console);
 
 // The write command's arguments KIND ADDRESS VALUE..., checked before any
 // connection is made.

@@ -57,7 +57,7 @@ int main(int argc, char **argv)
         qInfo("plcpoll started: %s:%d", s.host.c_str(), s.port);
     }
     catch_stop_signals();
-    const plcpoll::Console console{std::cout, std::cerr, ::isatty(STDOUT_FILENO) == 1, &g_interrupted};
+    const plcpoll::Console console{std::cout, std::cerr, ::isatty(STDOUT_FILENO) == 1, g_interrupted};
     const plcpoll::Exit exit = plcpoll::run_command(s, tags.value(), console);
     if (s.debug_log)
         qInfo("plcpoll finished with exit code %d", int(exit.status));

@@ -130,10 +130,11 @@ struct OptionRule {
     const char *name;
     bool takes_value;
     Apply apply;
+    char short_name = 0; // none when 0
 };
 
 const OptionRule kOptions[] = {
-    {"tag", true, add_tag_source<TagSource::From::Spec>},
+    {"tag", true, add_tag_source<TagSource::From::Line>},
     {"tags", true, add_tag_source<TagSource::From::File>},
     {"host", true, set_host},
     {"port", true, set_integer<&Settings::port, 1, 65535>},
@@ -147,20 +148,33 @@ const OptionRule kOptions[] = {
     {"trace", false, set_flag<&Settings::trace>},
     {"debug-log", false, set_flag<&Settings::debug_log>},
     {"station", true, set_integer<&Settings::station, 0, 255>},
-    {"help", false, ask_for_help},
+    {"help", false, ask_for_help, 'h'},
 };
 constexpr int kOptionCount = int(sizeof kOptions / sizeof kOptions[0]);
 
-// getopt_long returns an option's index plus this, above every character.
+// getopt_long returns a long option's index plus this, above every character.
 constexpr int kFirstOptionCode = 256;
-const char kShortHelp = 'h';
 
 const OptionRule *rule_of(int code)
 {
-    if (code == kShortHelp)
-        return &kOptions[kOptionCount - 1];
     const int index = code - kFirstOptionCode;
-    return index >= 0 && index < kOptionCount ? &kOptions[index] : nullptr;
+    if (index >= 0 && index < kOptionCount)
+        return &kOptions[index];
+    for (const OptionRule &rule : kOptions)
+        if (rule.short_name && rule.short_name == code)
+            return &rule;
+    return nullptr;
+}
+
+// "+": stop at the first word that is not an option, so that words keep
+// their order; ":": a missing value is told apart from an unknown option.
+std::string short_options()
+{
+    std::string letters = "+:";
+    for (const OptionRule &rule : kOptions)
+        if (rule.short_name)
+            letters += std::string(1, rule.short_name) + (rule.takes_value ? ":" : "");
+    return letters;
 }
 
 std::vector<option> long_options()
@@ -214,7 +228,8 @@ private:
 
     std::vector<std::string> storage_;
     std::vector<char *> argv_;
-    std::vector<option> options_ = long_options();
+    const std::vector<option> options_ = long_options();
+    const std::string short_options_ = short_options();
     const CommandWord *command_ = nullptr;
     Settings settings_;
 };
@@ -229,16 +244,13 @@ ArgumentReader::ArgumentReader(const std::vector<std::string> &args) : storage_{
 
 Result<Settings> ArgumentReader::read()
 {
-    // "+": stop at the first word that is not an option, so words keep their
-    // order; ":": a missing value is told apart from an unknown option.
-    const char *const kShortOptions = "+:h";
     settings_.port = kPortNotGiven;
     optind = 0; // starts getopt afresh, also inside a cluster of short options
     opterr = 0; // the messages are plcpoll's own
     while (settings_.command != Command::Help) {
         take_negative_operands();
         const int at = std::max(optind, 1); // where getopt reads next
-        const int code = getopt_long(argc(), argv_.data(), kShortOptions, options_.data(), nullptr);
+        const int code = getopt_long(argc(), argv_.data(), short_options_.c_str(), options_.data(), nullptr);
         // The end of the arguments, or "--" and the command's arguments after it.
         const bool last = code == -1 && (optind >= argc() || storage_[at] == "--");
         auto error = last ? take_rest() : code == -1 ? take_operand(storage_[optind++]) : read_option(code, at);
@@ -256,11 +268,11 @@ std::optional<Exit> ArgumentReader::read_option(int code, int at)
 {
     // For a missing or unwanted value getopt names the option in optopt.
     const OptionRule *rule = rule_of(code == ':' || code == '?' ? optopt : code);
-    if (code == ':')
+    if (code == ':' && rule)
         return usage_error("option --" + std::string(rule->name) + " needs a value (see --help)");
     if (code == '?' && rule)
         return usage_error("option --" + std::string(rule->name) + " takes no value (see --help)");
-    if (code == '?' || !rule)
+    if (code == '?' || code == ':' || !rule)
         return usage_error("unknown option '" + storage_[at] + "' (see --help)");
     return apply(*rule, optarg ? optarg : "");
 }

@@ -47,7 +47,8 @@ struct Settings {
 // an option's name stands for it; "--" ends the options. The first word that
 // is not an option names the command; later ones are its arguments, negative
 // numbers among them. Options are read in order, so --help names the Help
-// command unless an error comes before it.
+// command unless an error comes before it. getopt's state is global: one
+// thread at a time.
 Result<Settings> parse_options(const std::vector<std::string> &args);
 
 // The long names of every option, for checks and completion.

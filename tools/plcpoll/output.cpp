@@ -56,7 +56,7 @@ Json tags_json(const Snapshot &now)
 {
     Json tags = Json::array();
     for (const TagReading &t : now.tags)
-        tags.push_back(tag_json(t.spec.plc, t.values));
+        tags.push_back(tag_json(t.tag.plc, t.values));
     return tags;
 }
 
@@ -110,7 +110,7 @@ std::string render_table(const Snapshot &now, const Snapshot *before)
 {
     std::string screen = kClearScreen + table_heading(now);
     for (size_t i = 0; i < now.tags.size(); ++i) {
-        const plchost::Tag &t = now.tags[i].spec.plc;
+        const plchost::Tag &t = now.tags[i].tag.plc;
         const bool changed = change_of(now, before, i) == Change::Changed;
         screen += format("%-16s %4d %-18s %-8s %3d  %s%s%s\n", t.name.c_str(), t.kind, plchost::kind_name(t.kind),
                          t.address.c_str(), t.station, changed ? kGreen : "",
@@ -125,7 +125,7 @@ std::string render_lines(const Snapshot &now, const Snapshot *before)
     for (size_t i = 0; i < now.tags.size(); ++i) {
         if (change_of(now, before, i) == Change::Same)
             continue;
-        const plchost::Tag &t = now.tags[i].spec.plc;
+        const plchost::Tag &t = now.tags[i].tag.plc;
         lines += format("%8.3fs  %-16s kind %-2d %-8s stn %-3d = %s\n", now.elapsed_s, t.name.c_str(), t.kind,
                         t.address.c_str(), t.station, render_values(t.kind, now.tags[i].values).c_str());
     }

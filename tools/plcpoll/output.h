@@ -17,7 +17,7 @@ namespace plcpoll {
 
 // One tag and what was read for it.
 struct TagReading {
-    TagSpec spec;
+    PollTag tag;
     std::vector<uint64_t> values; // decoded, one per value of the tag's kind
 };
 

@@ -39,41 +39,41 @@ std::optional<std::string> read_integer(const char *what, const std::string &fie
     return std::nullopt;
 }
 
-std::optional<std::string> read_name(const std::string &field, TagSpec *spec)
+std::optional<std::string> read_name(const std::string &field, PollTag *tag)
 {
     if (field.empty())
         return "empty tag name";
-    spec->plc.name = field;
+    tag->plc.name = field;
     return std::nullopt;
 }
 
-std::optional<std::string> read_kind(const std::string &field, TagSpec *spec)
+std::optional<std::string> read_kind(const std::string &field, PollTag *tag)
 {
-    return parse_kind(field, &spec->plc.kind);
+    return parse_kind(field, &tag->plc.kind);
 }
 
 // The address is checked once the kind is known (see parse_tag_line).
-std::optional<std::string> read_address(const std::string &field, TagSpec *spec)
+std::optional<std::string> read_address(const std::string &field, PollTag *tag)
 {
-    spec->plc.address = field;
+    tag->plc.address = field;
     return std::nullopt;
 }
 
-std::optional<std::string> read_station(const std::string &field, TagSpec *spec)
+std::optional<std::string> read_station(const std::string &field, PollTag *tag)
 {
-    return read_integer("station", field, kMinStation, kMaxStation, &spec->plc.station);
+    return read_integer("station", field, kMinStation, kMaxStation, &tag->plc.station);
 }
 
-std::optional<std::string> read_count(const std::string &field, TagSpec *spec)
+std::optional<std::string> read_count(const std::string &field, PollTag *tag)
 {
-    return read_integer("count", field, kMinCount, kMaxCount, &spec->plc.count);
+    return read_integer("count", field, kMinCount, kMaxCount, &tag->plc.count);
 }
 
 // The columns of a tag line, in order; each reader stores its field or says
 // why it cannot.
 struct Column {
     const char *name;
-    std::optional<std::string> (*read)(const std::string &field, TagSpec *spec);
+    std::optional<std::string> (*read)(const std::string &field, PollTag *tag);
 };
 
 const Column kColumns[] = {
@@ -132,24 +132,24 @@ std::string writable_kinds_text()
     return kinds;
 }
 
-Result<TagSpec> parse_tag_line(const std::string &line)
+Result<PollTag> parse_tag_line(const std::string &line)
 {
     const auto fields = split(line, ',');
     if (fields.size() != kColumnCount)
         return usage_error("expected " + std::to_string(kColumnCount) + " fields " + column_names() + ", got " +
                            std::to_string(fields.size()));
-    TagSpec spec;
+    PollTag tag;
     for (size_t i = 0; i < kColumnCount; ++i)
-        if (const auto why = kColumns[i].read(trim(fields[i]), &spec))
+        if (const auto why = kColumns[i].read(trim(fields[i]), &tag))
             return usage_error(*why);
-    if (const auto why = check_address(spec.plc.kind, spec.plc.address))
+    if (const auto why = check_address(tag.plc.kind, tag.plc.address))
         return usage_error(*why);
-    return spec;
+    return tag;
 }
 
-Result<std::vector<TagSpec>> read_tag_stream(std::istream &in, const std::string &origin)
+Result<std::vector<PollTag>> read_tag_stream(std::istream &in, const std::string &origin)
 {
-    std::vector<TagSpec> tags;
+    std::vector<PollTag> tags;
     bool first = true;
     int number = 0;
     for (std::string line; std::getline(in, line);) {
@@ -171,7 +171,7 @@ Result<std::vector<TagSpec>> read_tag_stream(std::istream &in, const std::string
     return tags;
 }
 
-Result<std::vector<TagSpec>> read_tag_file(const std::string &path)
+Result<std::vector<PollTag>> read_tag_file(const std::string &path)
 {
     std::ifstream in(path);
     if (!in)
@@ -179,9 +179,9 @@ Result<std::vector<TagSpec>> read_tag_file(const std::string &path)
     return read_tag_stream(in, path);
 }
 
-Result<std::vector<TagSpec>> load_tags(const std::vector<TagSource> &sources)
+Result<std::vector<PollTag>> load_tags(const std::vector<TagSource> &sources)
 {
-    std::vector<TagSpec> tags;
+    std::vector<PollTag> tags;
     for (const TagSource &source : sources) {
         if (source.from == TagSource::From::File) {
             auto file = read_tag_file(source.text);

@@ -14,32 +14,32 @@
 namespace plcpoll {
 
 // One tag as plcpoll reads and shows it. `plc` is where it lives, as the host
-// and the driver are given it; how it is shown joins it here, filled from
-// further columns of the same line.
-struct TagSpec {
+// and the driver are given it. The columns of a tag line (kColumns in
+// tags.cpp) fill its fields.
+struct PollTag {
     plchost::Tag plc;
 };
 
 // Where tags come from, in the order the command line names them.
 struct TagSource {
-    enum class From { Spec, File };
-    From from = From::Spec;
+    enum class From { Line, File };
+    From from = From::Line;
     std::string text; // the tag's line, or the path of the tag file
 };
 
 // A tag line "name,kind,address,station,count" (blanks around fields are
 // ignored). On a bad line the Exit's message is the reason alone, for the
 // caller to say where the line came from.
-Result<TagSpec> parse_tag_line(const std::string &line);
+Result<PollTag> parse_tag_line(const std::string &line);
 
 // Tag lines read from `in`; `origin` names it in messages ("FILE:LINE: ...").
 // '#' starts a comment, blank lines are skipped, and a first line whose
 // second field is "kind" is a header. No tag at all is an error.
-Result<std::vector<TagSpec>> read_tag_stream(std::istream &in, const std::string &origin);
-Result<std::vector<TagSpec>> read_tag_file(const std::string &path);
+Result<std::vector<PollTag>> read_tag_stream(std::istream &in, const std::string &origin);
+Result<std::vector<PollTag>> read_tag_file(const std::string &path);
 
 // Every tag of the sources, in their order.
-Result<std::vector<TagSpec>> load_tags(const std::vector<TagSource> &sources);
+Result<std::vector<PollTag>> load_tags(const std::vector<TagSource> &sources);
 
 // Checks shared with the write command. Each returns why the text is not
 // valid, or nothing when it is (and stores what it read).

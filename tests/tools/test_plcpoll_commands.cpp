@@ -253,7 +253,10 @@ TEST_P(PlcpollPollOnce, ShowsThePlcsMemoryAsJson)
 }
 
 INSTANTIATE_TEST_SUITE_P(BothLinks, PlcpollPollOnce,
-                         ::testing::Values(plchost::LinkMode::Modbus, plchost::LinkMode::Remote));
+                         ::testing::Values(plchost::LinkMode::Modbus, plchost::LinkMode::Remote),
+                         [](const ::testing::TestParamInfo<plchost::LinkMode> &info) {
+                             return info.param == plchost::LinkMode::Modbus ? "Modbus" : "Remote";
+                         });
 
 TEST_F(PlcpollAgainstPlcsim, PollOnceAsLinesShowsEveryTagAndTheStatistics)
 {

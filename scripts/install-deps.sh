@@ -6,8 +6,9 @@
 set -euo pipefail
 
 declare -A GROUPS_PKGS=(
-  [build]="cmake make g++ pkg-config qtbase5-dev"
-  [test]="libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev"
+  # plcpoll writes its JSON with nlohmann's header-only library.
+  [build]="cmake make g++ pkg-config qtbase5-dev nlohmann-json3-dev"
+  [test]="libgtest-dev libgmock-dev libbenchmark-dev"
   # python3-pymodbus imports serial and serial_asyncio in its server code but
   # only recommends them, and recommends are not installed here.
   [modbus]="libmodbus-dev python3-pymodbus python3-serial python3-serial-asyncio mbpoll"

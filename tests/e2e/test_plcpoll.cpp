@@ -1,16 +1,14 @@
 // plcpoll run as a program: one pass as JSON against plcsim, write and read
 // back, both link modes, plain output, the frame trace, and every error
 // message with its exit code.
+#include "closed_port.h"
 #include "e2e_util.h"
 #include "modbus_client.h"
 #include "plcsim_process.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <fstream>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 using namespace e2e;
 
@@ -29,20 +27,6 @@ namespace {
 PlcsimProcess::Result plcpoll(std::vector<std::string> args, int timeout_ms = 20000)
 {
     return PlcsimProcess::run_to_exit(kPlcpoll, args, timeout_ms);
-}
-
-// A loopback port with nobody listening on it.
-int closed_port()
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    ::getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-    ::close(fd);
-    return ntohs(a.sin_port);
 }
 
 // The "values" array of the tag named `name` in plcpoll's JSON.

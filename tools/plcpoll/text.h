@@ -1,0 +1,31 @@
+// The small readers that options, tag lines and write values share: splitting
+// and trimming CSV fields, and numbers in the notations plcpoll accepts.
+#ifndef PLCPOLL_TEXT_H
+#define PLCPOLL_TEXT_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plcpoll {
+
+// The fields between separators; "a,,b" has three, "" has one.
+std::vector<std::string> split(const std::string &text, char separator);
+
+// The text without leading and trailing blanks, tabs and line ends.
+std::string trim(const std::string &text);
+
+// A decimal integer from min to max, with nothing after it.
+std::optional<long long> parse_integer(const std::string &text, long long min, long long max);
+
+// A decimal number from 0 to max, with nothing after it.
+std::optional<double> parse_non_negative(const std::string &text, double max);
+
+// A value `bits` wide (1 to 64): decimal, negative decimal (stored as the
+// two's complement of that width; not for single bits) or hexadecimal with 0x.
+std::optional<uint64_t> parse_value(const std::string &text, int bits);
+
+} // namespace plcpoll
+
+#endif // PLCPOLL_TEXT_H

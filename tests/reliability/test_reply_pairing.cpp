@@ -46,8 +46,10 @@ reliability::Framing framing_of(LinkMode m)
 
 // The reply that gets the fault: well after the first full passes.
 constexpr uint64_t kFaultyReply = 20;
-constexpr auto kTimeout = std::chrono::milliseconds(200);
-constexpr auto kLate = std::chrono::milliseconds(300);
+// A time-out long enough that no request times out on a loaded machine but
+// the one made late on purpose, which comes 300 ms after it.
+constexpr auto kTimeout = std::chrono::milliseconds(1000);
+constexpr auto kLate = std::chrono::milliseconds(1300);
 
 // plcsim with the address pattern, the proxy in front of it, and a host
 // reading two blocks of ten registers as fast as it can.
@@ -125,14 +127,14 @@ std::string param_name(const ::testing::TestParamInfo<LinkMode> &info)
 
 } // namespace
 
-// One reply 300 ms late with a 200 ms time-out: the request fails once and is
+// One reply 300 ms later than the time-out: the request fails once and is
 // retried; the late reply is discarded (Modbus TCP: by its transaction
 // identifier; remote frame: it arrives on a connection that was closed).
 TEST_P(ReplyPairing, LateReplyNeverShowsAnotherRegister)
 {
     REQUIRE_PLCSIM();
     PairingRig rig(GetParam(), Fault::Late, kLate);
-    rig.run(std::chrono::milliseconds(500));
+    rig.run(kLate + std::chrono::milliseconds(300));
     rig.report("late reply");
     const auto s = rig.host().stats();
     EXPECT_EQ(rig.watch().wrong(), 0u) << rig.watch().first_wrong();
@@ -199,8 +201,8 @@ TEST_P(ReplyPairing, PlcpollThroughAPeerAnsweringOneRequestLate)
     proxy.script(kFaultyReply, Fault::Late, kLate);
     const auto r = PlcsimProcess::run_to_exit(PLCPOLL_PATH,
                                               {"--link", mode_name(GetParam()), "--port", std::to_string(proxy.port()),
-                                               "--tag", "a,4,0,1,10", "--tag", "b,4,1000,1,10", "--timeout", "200",
-                                               "--interval", "1", "--duration", "2", "--json"},
+                                               "--tag", "a,4,0,1,10", "--tag", "b,4,1000,1,10", "--timeout", "1000",
+                                               "--interval", "1", "--duration", "3", "--json"},
                                               30000);
     ASSERT_EQ(r.exit_status, 0) << r.err;
     ASSERT_GE(proxy.replies(), kFaultyReply) << "plcpoll never got as far as the late reply";

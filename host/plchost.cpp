@@ -6,6 +6,7 @@
 #include "plchost.h"
 
 #include "Communication_Protocol.h"
+#include "Register_Kinds.h"
 #include "link.h"
 
 #include <QByteArray>
@@ -127,21 +128,14 @@ static void describe_for_reading(const Tag &tag, bool remote, QString *address, 
 {
     *address = QString::fromStdString(tag.address);
     *count = tag.count;
-    if (remote) {
-        switch (tag.kind) {
-        case 0:
-        case 1: *count = std::max(*count, 24); break;
-        case 2:
-        case 3:
-        case 4: *count = std::max(*count, 2); break;
-        case 5: *count = std::max(*count, 32); break;
-        case 6:
-        case 7:
-        case 8: *count = std::max(*count, 4); break;
-        default: break;
-        }
+    if (remote && plckinds::is_known_kind(tag.kind)) {
+        // At least 3 data bytes: 24 bits of a bit class, 2 registers of a
+        // register class, in the units the tag counts in.
+        const int cls = plckinds::class_of(tag.kind);
+        const int count_bits = plckinds::unit_bits(plckinds::kind_info(tag.kind).count_unit);
+        *count = std::max(*count, plckinds::is_bit_class(cls) ? 24 : 2 * 16 / count_bits);
     }
-    if (tag.kind == 0 || tag.kind == 1) {
+    if (plckinds::is_bit_kind(tag.kind)) {
         const int bit = PLCAddressChangeIntef(tag.kind, *address);
         if (bit >= 0) {
             *address = QString::number(bit) + QStringLiteral(".0");
@@ -172,7 +166,7 @@ int Host::set_tags(const std::vector<Tag> &tags, std::string *error)
 
 bool Host::add_read_block(int kind, int start, int count, int station)
 {
-    if (kind < 0 || kind > 4 || start < 0 || count < 1 || station < 0 || station > 255)
+    if (!plckinds::is_class_kind(kind) || start < 0 || count < 1 || station < 0 || station > 255)
         return false;
     std::unique_lock<std::mutex> lock(mutex_);
     pending_blocks_.push_back({kind, start, count, station});

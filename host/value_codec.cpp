@@ -1,73 +1,35 @@
 #include "value_codec.h"
 
+#include "Register_Kinds.h"
+
 #include <cstddef>
 
 namespace plchost {
 
+// Widths, writability and names come from the driver's kind table.
+
 int value_bits(int kind)
 {
-    switch (kind) {
-    case 0:
-    case 1:
-    case 5: return 1;
-    case 6:
-    case 7:
-    case 8: return 8;
-    case 2:
-    case 3:
-    case 4: return 16;
-    case 9:
-    case 10:
-    case 11: return 32;
-    case 12:
-    case 13:
-    case 14: return 64;
-    default: return 0;
-    }
+    return plckinds::value_bits(kind);
 }
 
 bool kind_writable(int kind)
 {
-    switch (kind) {
-    case 1:
-    case 3:
-    case 4:
-    case 5:
-    case 7:
-    case 8:
-    case 10:
-    case 11:
-    case 13:
-    case 14: return true;
-    default: return false;
-    }
+    return plckinds::is_writable(kind);
 }
 
 const char *kind_name(int kind)
 {
-    static const char *const names[15] = {"discrete input",  "coil",
-                                          "input register",  "holding register",
-                                          "word (class 4)",  "bit in word",
-                                          "byte (class 2)",  "byte (class 3)",
-                                          "byte (class 4)",  "dword (class 2)",
-                                          "dword (class 3)", "dword (class 4)",
-                                          "qword (class 2)", "qword (class 3)",
-                                          "qword (class 4)"};
-    return kind >= 0 && kind < 15 ? names[kind] : "unknown";
+    return plckinds::kind_name(kind);
 }
 
+// Values of 32 and 64 bits are counted in registers: a started value counts.
 int value_count(int kind, int count)
 {
-    if (count <= 0)
+    if (count <= 0 || !plckinds::is_known_kind(kind))
         return 0;
-    switch (value_bits(kind)) {
-    case 1:
-    case 8:
-    case 16: return count;
-    case 32: return (count + 1) >> 1;
-    case 64: return (count + 3) >> 2;
-    default: return 0;
-    }
+    const int words = plckinds::words_per_value(kind);
+    return words > 1 ? (count + words - 1) / words : count;
 }
 
 std::vector<uint64_t> decode_values(int kind, int count, const std::vector<uint8_t> &bytes)
@@ -95,26 +57,23 @@ bool encode_values(int kind, const std::vector<uint64_t> &values, std::vector<ui
         return false;
     bytes->clear();
     const int n = int(values.size());
-    switch (value_bits(kind)) {
-    case 1: // one byte per bit
-        for (uint64_t v : values)
-            bytes->push_back(v ? 1 : 0);
-        *count = n;
-        return true;
-    case 8: // one 16-bit element per byte; its low byte is written
+    const int words = plckinds::words_per_value(kind);
+    if (words == 0) {
+        // Bits: one byte each, non-zero is 1. Bytes: one 16-bit element
+        // each, whose low byte is written.
+        const bool bit = value_bits(kind) == 1;
         for (uint64_t v : values) {
-            bytes->push_back(uint8_t(v));
-            bytes->push_back(0);
+            bytes->push_back(bit ? (v ? 1 : 0) : uint8_t(v));
+            if (!bit)
+                bytes->push_back(0);
         }
         *count = n;
         return true;
-    default: break;
     }
-    const int width = value_bits(kind) / 8;
     for (uint64_t v : values)
-        for (int b = 0; b < width; ++b)
+        for (int b = 0; b < 2 * words; ++b)
             bytes->push_back(uint8_t(v >> (8 * b)));
-    *count = n * (width / 2); // counted in 16-bit words
+    *count = n * words; // counted in 16-bit registers
     return true;
 }
 

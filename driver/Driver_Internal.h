@@ -8,20 +8,6 @@
 
 #include <QDateTime>
 
-// ext_param1 of the read that opens a read-modify-write pair (a bit or a
-// byte inside a register): its reply patches the write queued behind it and
-// leaves the mirror alone.
-enum RmwMarker : qint32 {
-    kRmwNone = 0,
-    kRmwBitRead = -1,
-    kRmwByteRead = -2,
-};
-
-inline bool is_rmw_read(qint32 ext_param1)
-{
-    return ext_param1 == kRmwBitRead || ext_param1 == kRmwByteRead;
-}
-
 // What CheckGetData makes of a reply.
 enum ReplyVerdict : int {
     kReplyRejected = 0,       // it does not belong to the request in flight

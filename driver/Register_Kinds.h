@@ -294,4 +294,18 @@ constexpr const char *kind_name(int kind)
 
 } // namespace plckinds
 
+// ext_param1 of the read that opens a read-modify-write pair (a bit or a
+// byte inside a register): its reply patches the write queued behind it and
+// leaves the mirror alone. (The runtime sees it on the request in flight.)
+enum RmwMarker : qint32 {
+    kRmwNone = 0,
+    kRmwBitRead = -1,
+    kRmwByteRead = -2,
+};
+
+constexpr bool is_rmw_read(qint32 ext_param1)
+{
+    return ext_param1 == kRmwBitRead || ext_param1 == kRmwByteRead;
+}
+
 #endif // PLCDRIVER_REGISTER_KINDS_H

@@ -8,7 +8,9 @@
 // together: when a pass ends, and who sets and resets each shared field
 // (cycle_done, retry_count, the reply counters).
 #include "Communication_Protocol.h"
+#include "Register_Kinds.h"
 #include "link.h"
+#include "read_times.h"
 #include "plchost.h"
 
 #include <QByteArray>
@@ -77,6 +79,7 @@ bool Host::exchange_once()
     r.ev.start_addr = p->var.start_addr;
     r.ev.count = p->var.count;
     r.ev.write = p->var.rw_flag != 0;
+    r.ev.to_mirror = !r.ev.write && !is_rmw_read(p->var.ext_param1);
     r.ev.endpoint = route(r.ev.station);
 
     const bool to_all = r.reply_len == 0 && r.ev.station == 0;
@@ -93,6 +96,8 @@ bool Host::exchange_once()
     // host clears it after a good reply (docs/exchange-cycle.md).
     if (is_good(ev.status))
         com_info_->retry_count = 0;
+    if (is_good(ev.status) && ev.to_mirror)
+        note_read(ev);
     const bool pass_done = count_outcome(ev, wire);
     deliver_callbacks(true);
     if (reply_hook_)
@@ -180,6 +185,17 @@ bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
     ++stats_.passes;
     done_cv_.notify_all();
     return true;
+}
+
+// A good read stored its block in the mirror: remember when.
+void Host::note_read(const ReplyEvent &ev)
+{
+    ClassRange range;
+    range.cls = plckinds::class_of(ev.reg_kind);
+    range.start = ev.start_addr;
+    range.count = ev.count;
+    std::lock_guard<std::mutex> lock(mutex_);
+    read_times_->note(ev.station, range, std::chrono::system_clock::now());
 }
 
 // Delivers the callbacks the driver made inside DataCom. With `hooks`, the

@@ -8,6 +8,7 @@
 #include "Communication_Protocol.h"
 #include "Register_Kinds.h"
 #include "link.h"
+#include "read_times.h"
 
 #include <QByteArray>
 #include <QList>
@@ -49,7 +50,8 @@ Host *Host::instance()
     return g_instance.load();
 }
 
-Host::Host(HostConfig config) : config_(std::move(config)), link_counters_(new LinkCounters), com_info_(new ComInfo)
+Host::Host(HostConfig config)
+    : config_(std::move(config)), link_counters_(new LinkCounters), com_info_(new ComInfo), read_times_(new ReadTimes)
 {
     if (config_.endpoints.empty())
         config_.endpoints.push_back(Endpoint{});
@@ -309,6 +311,25 @@ bool Host::read(const Tag &tag, std::vector<uint8_t> *out) const
         GetRegisterData(nullptr, tag.kind, QString::fromStdString(tag.address), tag.station, &buf, tag.count);
     out->assign(buf.constData(), buf.constData() + buf.size());
     return ok == 1;
+}
+
+bool Host::read(const Tag &tag, Reading *out) const
+{
+    const bool ok = read(tag, &out->bytes);
+    out->quality = Quality::NotRead;
+    const auto range = class_range(tag);
+    if (!ok || !range)
+        return ok;
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto when = read_times_->oldest(tag.station, *range);
+    if (!when)
+        return ok;
+    out->time = *when;
+    const auto station = stats_.stations.find(tag.station);
+    const bool failing =
+        switched_off_.count(tag.station) || (station != stats_.stations.end() && station->second.failing);
+    out->quality = failing ? Quality::Failing : Quality::Good;
+    return ok;
 }
 
 int Host::write(const Tag &tag, const std::vector<uint8_t> &data, int source_type, int *source_id)

@@ -36,6 +36,7 @@ struct Protocol; // one request of the driver's queue
 namespace plchost {
 
 class Link;
+class ReadTimes;
 struct LinkCounters;
 struct WireOutcome;
 
@@ -124,12 +125,26 @@ struct ReplyEvent {
     int count = 0;
     int endpoint = 0; // index into HostConfig::endpoints
     bool write = false;
-    int bytes = 0; // reply bytes handed to DataCom
+    bool to_mirror = false; // a read whose data the driver stores (not the read of a bit or byte write)
+    int bytes = 0;          // reply bytes handed to DataCom
     bool timed_out = false;
     int status = 0; // ret_var status: 0 retry, 1/100 good, else error code
 };
 
 enum class FrameDirection { Sent, Received };
+
+// What the mirror's values of a tag are worth.
+enum class Quality {
+    NotRead, // no good reply has brought them since the host started
+    Good,    // brought by good replies, the oldest of them at `time`
+    Failing, // read once, but the station is failing or switched off now
+};
+
+struct Reading {
+    std::vector<uint8_t> bytes; // GetRegisterData's bytes
+    Quality quality = Quality::NotRead;
+    std::chrono::system_clock::time_point time{}; // of the oldest reply the values come from
+};
 
 using TraceHook = std::function<void(FrameDirection, int endpoint, const uint8_t *data, size_t size)>;
 using WriteDoneHook = std::function<void(int host_handle, int source_type, int source_id, int result)>;
@@ -194,6 +209,11 @@ public:
     // address text does not parse. out receives GetRegisterData's bytes.
     bool read(const Tag &tag, std::vector<uint8_t> *out) const;
 
+    // The same, with what the values are worth: read by a good reply (and
+    // when the oldest of those replies came), not read yet, or of a station
+    // that is failing (see station_failing).
+    bool read(const Tag &tag, Reading *out) const;
+
     // Queues a write (SetRegisterData) of `count` units from `data` in the
     // driver's buffer layout (see encode_values). Returns the write-list size
     // after queueing, at least 1 when the write was queued (the communication
@@ -245,6 +265,7 @@ private:
     WireOutcome broadcast(const Request &r);
     int hand_to_driver(const WireOutcome &wire);
     bool count_outcome(const ReplyEvent &ev, const WireOutcome &wire);
+    void note_read(const ReplyEvent &ev);
     void deliver_callbacks(bool hooks);
     bool pace(const ReplyEvent &ev, bool pass_done);
     void give_up_pending();
@@ -288,6 +309,7 @@ private:
     std::atomic<int> cyclic_entries_{0};    // entries of the driver's cyclic list
     Stats stats_;
     std::set<int> switched_off_;                 // stations switched off by enable_station()
+    std::unique_ptr<ReadTimes> read_times_;      // when each part of the mirror was read
     std::map<std::pair<int, int>, int> done_;    // (source_type, source_id) -> result, until wait_done takes it
     std::deque<std::pair<int, int>> done_order_; // done_'s keys, oldest first
     static constexpr size_t kKeptResults = 4096;

@@ -282,6 +282,51 @@ TEST(HostPlcsim, FiguresAndFailingPerStation)
     EXPECT_FALSE(host.station_failing(1));
 }
 
+// What a tag's values are worth: not read before a reply brought them (the
+// mirror would answer 0), good with the time of the reply once read, failing
+// while the station is switched off; the read of a bit write brings nothing
+// into the mirror, so it makes no tag read.
+TEST(HostPlcsim, ReadingsSayWhatTheValuesAreWorth)
+{
+    REQUIRE_PLCSIM();
+    PlcsimProcess sim(kPlcsim, {"--static", "--fill", "address", "--stations", "1,2"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    Host host(config_for(sim.modbus_port()));
+    const Tag cyclic = tag(4, "100", 4, 1), other = tag(4, "100", 4, 2), elsewhere = tag(4, "300", 1, 1);
+    host.set_tags({cyclic, other});
+    plchost::Reading r;
+    ASSERT_TRUE(host.read(cyclic, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::NotRead);
+
+    const auto before = std::chrono::system_clock::now();
+    ASSERT_TRUE(host.start(true, &error)) << error;
+    ASSERT_TRUE(host.wait_passes(2, 5000ms));
+    ASSERT_TRUE(host.read(cyclic, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::Good);
+    EXPECT_GE(r.time, before);
+    EXPECT_LE(r.time, std::chrono::system_clock::now());
+    EXPECT_EQ(plchost::decode_values(4, 4, r.bytes), (std::vector<uint64_t>{100, 101, 102, 103}));
+
+    // A bit write reads its word first; that read is no reading of the word.
+    ASSERT_EQ(write_values(host, tag(5, "600.1", 0, 1), {1}), DoneResult::Ok); // bit 4801: word 300
+    ASSERT_TRUE(host.read(elsewhere, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::NotRead);
+    // A one-shot read brings it.
+    int id = 0;
+    ASSERT_TRUE(host.read_once(elsewhere, 1, &id));
+    ASSERT_EQ(host.wait_done(1, id, 5000ms), DoneResult::Ok);
+    ASSERT_TRUE(host.read(elsewhere, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::Good);
+    EXPECT_EQ(plchost::decode_values(4, 1, r.bytes), (std::vector<uint64_t>{300 | 2}));
+
+    host.enable_station(2, false);
+    ASSERT_TRUE(host.read(other, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::Failing) << "switched off";
+    ASSERT_TRUE(host.read(cyclic, &r));
+    EXPECT_EQ(r.quality, plchost::Quality::Good);
+}
+
 TEST(HostPlcsim, PeerStoppedThenRestartedOnTheSamePort)
 {
     REQUIRE_PLCSIM();

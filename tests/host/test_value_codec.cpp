@@ -114,17 +114,14 @@ TEST_P(ValueCodecEncode, EncodesForSetRegisterData)
 
 INSTANTIATE_TEST_SUITE_P(
     Writes, ValueCodecEncode,
-    ::testing::Values(EncodeCase{"coils: a byte per bit, non-zero is 1", 1, {1, 0, 7}, {1, 0, 1}, 3},
-                      EncodeCase{"bit of a word", 5, {1}, {1}, 1},
-                      EncodeCase{"bytes: one 16-bit element each, the low byte written", 8, {0x1FF, 0x02},
-                                 {0xFF, 0, 0x02, 0}, 2},
-                      EncodeCase{"words", 3, {0xBEEF}, {0xEF, 0xBE}, 1},
-                      EncodeCase{"dword counted in words", 10, {0x12345678}, {0x78, 0x56, 0x34, 0x12}, 2},
-                      EncodeCase{"qword counted in words",
-                                 13,
-                                 {0x0102030405060708},
-                                 {0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01},
-                                 4}));
+    ::testing::Values(
+        EncodeCase{"coils: a byte per bit, non-zero is 1", 1, {1, 0, 7}, {1, 0, 1}, 3},
+        EncodeCase{"bit of a word", 5, {1}, {1}, 1},
+        EncodeCase{"bytes: one 16-bit element each, the low byte written", 8, {0x1FF, 0x02}, {0xFF, 0, 0x02, 0}, 2},
+        EncodeCase{"words", 3, {0xBEEF}, {0xEF, 0xBE}, 1},
+        EncodeCase{"dword counted in words", 10, {0x12345678}, {0x78, 0x56, 0x34, 0x12}, 2},
+        EncodeCase{
+            "qword counted in words", 13, {0x0102030405060708}, {0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01}, 4}));
 
 TEST(ValueCodecEncode, ReadOnlyKindsAreRefused)
 {

@@ -32,8 +32,12 @@
 
 #include "benchmark_read_lists.h"
 #include "driver_test_support.h"
+#include "legacy_read_list.h"
+#include "read_list_reference.h"
 
+#include <functional>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -160,6 +164,77 @@ BENCHMARK(BM_TouchingDescriptorsOnly_FreshLists)
     ->Range(100, 100000)
     ->Unit(benchmark::kMicrosecond);
 
+// What each device of the earlier rebuild buys: that rebuild with all its
+// devices, with each one switched off alone and with all switched off, side
+// by side with today's ReCreatReadVarList and with the named routines
+// (plain_read_list), on the same lists in one run.
+using Rebuild = std::function<int(QList<HostReadVar> *)>;
+
+void run_rebuild(benchmark::State &state, const Rebuild &rebuild, bool spread, int lists)
+{
+    ComInfo info = make_com_info();
+    info.station_from_address = spread ? 1 : 0;
+    reset_driver(&info);
+    const int n = int(state.range(0));
+    std::vector<QList<HostReadVar>> &descriptors = descriptors_of(n, spread, lists, state);
+    int entries = 0;
+    int next = 0;
+    for (auto _ : state) {
+        entries = rebuild(&descriptors[size_t(next)]);
+        benchmark::DoNotOptimize(entries);
+        next = (next + 1) % lists;
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+    state.counters["read_list"] = entries;
+    reset_driver(nullptr);
+}
+
+void register_devices()
+{
+    std::vector<std::pair<std::string, Rebuild>> variants;
+    const auto legacy_with = [](const legacy::Devices &devices) {
+        return [devices](QList<HostReadVar> *list) { return legacy::rebuild_with(list, devices); };
+    };
+    legacy::Devices all;
+    variants.push_back({"earlier", legacy_with(all)});
+    const std::pair<const char *, bool legacy::Devices::*> devices[] = {
+        {"radix", &legacy::Devices::radix},
+        {"prefetch", &legacy::Devices::prefetch},
+        {"branch_free", &legacy::Devices::branch_free},
+        {"pooled", &legacy::Devices::pooled},
+        {"in_place", &legacy::Devices::in_place},
+        {"layout_read", &legacy::Devices::layout_read},
+        {"texts_in_runtime_order", &legacy::Devices::texts_in_runtime_order},
+    };
+    legacy::Devices none;
+    for (const auto &d : devices) {
+        legacy::Devices without = all;
+        without.*(d.second) = false;
+        none.*(d.second) = false;
+        variants.push_back({std::string("earlier_without_") + d.first, legacy_with(without)});
+    }
+    variants.push_back({"earlier_without_any", legacy_with(none)});
+    variants.push_back({"now", [](QList<HostReadVar> *list) { return ReCreatReadVarList(list); }});
+    variants.push_back(
+        {"named_routines", [](QList<HostReadVar> *list) { return plain_read_list(*list, *PLC_driver.com_info); }});
+    for (const bool spread : {false, true}) {
+        for (const int lists : {1, kFreshLists}) {
+            for (const auto &v : variants) {
+                const std::string name = std::string("Devices_") + (spread ? "Spread" : "OneGroup") +
+                                         (lists > 1 ? "_FreshLists/" : "/") + v.first;
+                const Rebuild rebuild = v.second;
+                benchmark::RegisterBenchmark(
+                    name.c_str(),
+                    [rebuild, spread, lists](benchmark::State &state) { run_rebuild(state, rebuild, spread, lists); })
+                    ->Arg(1000)
+                    ->Arg(10000)
+                    ->Arg(100000)
+                    ->Unit(benchmark::kMicrosecond);
+            }
+        }
+    }
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -168,6 +243,7 @@ int main(int argc, char **argv)
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     make_all_descriptors();
+    register_devices();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

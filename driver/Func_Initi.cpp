@@ -4,9 +4,12 @@
 #include "Driver_Internal.h"
 #include "Driver_Lock.h"
 
+#include <QVector>
+
 #include <algorithm>
+#include <array>
 #include <climits>
-#include <tuple>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -224,7 +227,8 @@ struct ReadItem {
 
 // Appends copies of proto to out, covering `units` units from start in
 // pieces of at most limit units. Starts wrap at the top of the 32-bit range.
-void append_pieces(QList<RW_VAR> &out, const RW_VAR &proto, qint64 start, qint64 units, qint64 limit)
+template <typename List>
+void append_pieces(List &out, const typename List::value_type &proto, qint64 start, qint64 units, qint64 limit)
 {
     for (; units > 0; start += limit, units -= limit) {
         out.append(proto);
@@ -235,8 +239,8 @@ void append_pieces(QList<RW_VAR> &out, const RW_VAR &proto, qint64 start, qint64
 
 // A limit of 1: records are neither merged nor split. Of records at the same
 // address the first opens the request and the largest count is read.
-template <typename RecordOf>
-void keep_largest_per_address(const ReadItem *group, int size, QList<RW_VAR> &out, const RecordOf &record_of)
+template <typename List, typename RecordOf>
+void keep_largest_per_address(const ReadItem *group, int size, List &out, const RecordOf &record_of)
 {
     out.append(record_of(group[0]));
     for (int i = 1; i < size; ++i) {
@@ -248,14 +252,16 @@ void keep_largest_per_address(const ReadItem *group, int size, QList<RW_VAR> &ou
 }
 
 // The grouping rule: merges and splits one group, in address order, into
-// requests appended to out, whose last entry is the current request.
-// record_of(item) gives the whole record an item stands for. A record that
-// starts less than limit units after the current request's start joins it
-// (the units between are read along) and the request grows to cover it;
-// what grows past the limit goes as copies of the request. Any other record
-// opens a request of its own, split into pieces of at most limit units.
-template <typename RecordOf>
-void merge_group(const ReadItem *group, int size, int block_limit, QList<RW_VAR> &out, const RecordOf &record_of)
+// requests appended to out, whose last entry is the current request. The
+// requests are records (RW_VAR) or, while the rebuild plans, items; every
+// request is made from record_of(item), the record an item stands for. A
+// record that starts less than limit units after the current request's
+// start joins it (the units between are read along) and the request grows
+// to cover it; what grows past the limit goes as copies of the request. Any
+// other record opens a request of its own, split into pieces of at most
+// limit units.
+template <typename List, typename RecordOf>
+void merge_group(const ReadItem *group, int size, int block_limit, List &out, const RecordOf &record_of)
 {
     if (size <= 0)
         return;
@@ -278,7 +284,7 @@ void merge_group(const ReadItem *group, int size, int block_limit, QList<RW_VAR>
             const qint64 needed = A + C - S;
             out.last().count = qint32(std::min(needed, limit));
             if (needed > limit) {
-                const RW_VAR request = out.last(); // a copy: appending may move the entry
+                const typename List::value_type request = out.last(); // a copy: appending may move the entry
                 append_pieces(out, request, S + limit, needed - limit, limit);
             }
         }
@@ -329,9 +335,81 @@ std::vector<ReadItem> converted_items(const QList<HostReadVar> &descriptors, con
     return items;
 }
 
+// Byte b (0: the lowest) of an item's sort key: its station, kind and start
+// address, most significant first, each a 32-bit number ordered as the
+// signed field is.
+inline quint32 key_byte(const ReadItem &item, int b)
+{
+    const qint32 fields[3] = {item.start_addr, item.reg_kind, item.station};
+    return ((quint32(fields[b / 4]) ^ 0x80000000u) >> (8 * (b % 4))) & 0xFFu;
+}
+
+// Sorts the items by station, kind and start address; equal keys keep their
+// order. A least-significant-digit radix sort: one stable counting pass per
+// key byte, skipping the bytes every item has alike. It takes time in
+// proportion to the items, where a comparison sort of long lists is slowed
+// by one branch per comparison that no predictor can guess.
+void sort_items(std::vector<ReadItem> &items)
+{
+    if (items.size() < 2)
+        return;
+    const int key_bytes = 12;
+    std::vector<std::array<quint32, 256>> counts(key_bytes); // zeroed
+    for (const ReadItem &item : items)
+        for (int b = 0; b < key_bytes; ++b)
+            ++counts[size_t(b)][key_byte(item, b)];
+    std::vector<ReadItem> sorted(items.size());
+    for (int b = 0; b < key_bytes; ++b) {
+        std::array<quint32, 256> &at = counts[size_t(b)];
+        if (at[key_byte(items[0], b)] == items.size())
+            continue; // every item has this byte alike: the pass would move nothing
+        quint32 offset = 0;
+        for (quint32 &c : at)
+            offset += std::exchange(c, offset);
+        for (const ReadItem &item : items)
+            sorted[at[key_byte(item, b)]++] = item;
+        items.swap(sorted);
+    }
+}
+
 bool same_group(const ReadItem &a, const ReadItem &b)
 {
     return a.station == b.station && a.reg_kind == b.reg_kind;
+}
+
+// The planned requests as records. Their texts are taken in the runtime's
+// order: in request order (by station, kind and address) the runtime's
+// descriptors and the share counts of their texts would be visited at
+// random, each visit a wait on memory once a long list no longer fits in the
+// caches; in the runtime's order they are read front to back.
+QList<RW_VAR> records_of(const QVector<ReadItem> &plan, const QList<HostReadVar> &descriptors, const RW_VAR &proto)
+{
+    QList<RW_VAR> records;
+    records.reserve(plan.size());
+    for (int k = 0; k < plan.size(); ++k) {
+        const ReadItem &p = plan.at(k);
+        records.append(proto);
+        RW_VAR &r = records.last();
+        r.station = p.station;
+        r.reg_kind = p.reg_kind;
+        r.start_addr = p.start_addr;
+        r.count = p.count;
+    }
+    // The requests in the order of their descriptors: a counting sort.
+    std::vector<int> first_use(size_t(descriptors.size()) + 1, 0);
+    for (const ReadItem &p : plan)
+        ++first_use[size_t(p.index) + 1];
+    std::partial_sum(first_use.begin(), first_use.end(), first_use.begin());
+    std::vector<int> by_descriptor(size_t(plan.size()));
+    for (int k = 0; k < plan.size(); ++k)
+        by_descriptor[size_t(first_use[size_t(plan.at(k).index)]++)] = k;
+    for (const int k : by_descriptor) {
+        const HostReadVar &h = descriptors.at(plan.at(k).index);
+        RW_VAR &r = records[k];
+        r.name_text = h.name_text;
+        r.address_text = h.address_text;
+    }
+    return records;
 }
 } // namespace
 
@@ -380,29 +458,19 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         // and sorting each group with Bubble_Sort: groups ascending, equal
         // addresses in the runtime's order.
         std::vector<ReadItem> items = converted_items(*descriptors, *info);
-        std::stable_sort(items.begin(), items.end(), [](const ReadItem &a, const ReadItem &b) {
-            return std::tie(a.station, a.reg_kind, a.start_addr) < std::tie(b.station, b.reg_kind, b.start_addr);
-        });
+        sort_items(items);
 
-        const RW_VAR proto = rebuild_prototype(*info);
-        const auto record_of = [&proto, descriptors](const ReadItem &item) {
-            const HostReadVar &h = descriptors->at(item.index);
-            RW_VAR r = proto;
-            r.name_text = h.name_text;
-            r.address_text = h.address_text;
-            r.station = item.station;
-            r.reg_kind = item.reg_kind;
-            r.start_addr = item.start_addr;
-            r.count = item.count;
-            return r;
-        };
+        // Merge and split each group into planned requests, then make them
+        // records.
+        QVector<ReadItem> plan;
         const int n = effective_max_units();
         for (size_t first = 0, end = 0; first < items.size(); first = end) {
             for (end = first + 1; end < items.size() && same_group(items[end], items[first]);)
                 ++end;
-            merge_group(&items[first], int(end - first), BlockLimitForKind(items[first].reg_kind, n), d.read_list,
-                        record_of);
+            merge_group(&items[first], int(end - first), BlockLimitForKind(items[first].reg_kind, n), plan,
+                        [](const ReadItem &item) { return item; });
         }
+        d.read_list = records_of(plan, *descriptors, rebuild_prototype(*info));
     }
     return locked_size(d.read_list);
 }

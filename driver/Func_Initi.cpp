@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -377,37 +376,22 @@ bool same_group(const ReadItem &a, const ReadItem &b)
     return a.station == b.station && a.reg_kind == b.reg_kind;
 }
 
-// The planned requests as records. Their texts are taken in the runtime's
-// order: in request order (by station, kind and address) the runtime's
-// descriptors and the share counts of their texts would be visited at
-// random, each visit a wait on memory once a long list no longer fits in the
-// caches; in the runtime's order they are read front to back.
+// The planned requests as records, each a copy of the descriptor's record
+// it stands for.
 QList<RW_VAR> records_of(const QVector<ReadItem> &plan, const QList<HostReadVar> &descriptors, const RW_VAR &proto)
 {
     QList<RW_VAR> records;
     records.reserve(plan.size());
-    for (int k = 0; k < plan.size(); ++k) {
-        const ReadItem &p = plan.at(k);
+    for (const ReadItem &p : plan) {
+        const HostReadVar &h = descriptors.at(p.index);
         records.append(proto);
         RW_VAR &r = records.last();
+        r.name_text = h.name_text;
+        r.address_text = h.address_text;
         r.station = p.station;
         r.reg_kind = p.reg_kind;
         r.start_addr = p.start_addr;
         r.count = p.count;
-    }
-    // The requests in the order of their descriptors: a counting sort.
-    std::vector<int> first_use(size_t(descriptors.size()) + 1, 0);
-    for (const ReadItem &p : plan)
-        ++first_use[size_t(p.index) + 1];
-    std::partial_sum(first_use.begin(), first_use.end(), first_use.begin());
-    std::vector<int> by_descriptor(size_t(plan.size()));
-    for (int k = 0; k < plan.size(); ++k)
-        by_descriptor[size_t(first_use[size_t(plan.at(k).index)]++)] = k;
-    for (const int k : by_descriptor) {
-        const HostReadVar &h = descriptors.at(plan.at(k).index);
-        RW_VAR &r = records[k];
-        r.name_text = h.name_text;
-        r.address_text = h.address_text;
     }
     return records;
 }
@@ -460,8 +444,9 @@ extern "C" int ReCreatReadVarList(QList<HostReadVar> *descriptors)
         std::vector<ReadItem> items = converted_items(*descriptors, *info);
         sort_items(items);
 
-        // Merge and split each group into planned requests, then make them
-        // records.
+        // Merge and split each group into planned requests, then make each
+        // request a record once: merging whole records would copy them and
+        // their texts' share counts at every step.
         QVector<ReadItem> plan;
         const int n = effective_max_units();
         for (size_t first = 0, end = 0; first < items.size(); first = end) {

@@ -99,8 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint8_t first = in.u8();
         if (first == 0xFF) {
             // A run: copies of one descriptor at evenly spaced addresses,
-            // ascending or descending, so that a short input makes the long
-            // lists the rebuild sorts differently (256 items and more).
+            // ascending or descending, so that a short input makes long
+            // lists (up to 1024 descriptors) for the sort and the merge.
             const uint8_t kind = in.u8();
             const uint8_t station = in.u8();
             const int base = in.u16();

@@ -215,15 +215,8 @@ void register_devices()
         variants.push_back({std::string("earlier_without_") + d.first, legacy_with(without)});
     }
     variants.push_back({"earlier_without_any", legacy_with(none)});
-    const auto current_with = [](bool radix, bool runtime_order) {
-        current::Devices devices;
-        devices.radix = radix;
-        devices.texts_in_runtime_order = runtime_order;
-        return [devices](QList<HostReadVar> *list) { return current::rebuild_with(list, devices); };
-    };
-    variants.push_back({"now_without_radix", current_with(false, true)});
-    variants.push_back({"now_without_texts_in_runtime_order", current_with(true, false)});
-    variants.push_back({"now_without_either", current_with(false, false)});
+    variants.push_back(
+        {"now_without_radix", [](QList<HostReadVar> *list) { return current::rebuild_with(list, false); }});
     variants.push_back({"now", [](QList<HostReadVar> *list) { return ReCreatReadVarList(list); }});
     variants.push_back(
         {"named_routines", [](QList<HostReadVar> *list) { return plain_read_list(*list, *PLC_driver.com_info); }});

@@ -1,6 +1,7 @@
-// Today's read-list rebuild with its two devices switchable, for measuring
-// what each buys beside the earlier rebuild (legacy_read_list.h). A copy of
-// the driver's code; benchmark code only.
+// Today's read-list rebuild with its radix sort switchable (else
+// std::stable_sort of the same items), for measuring what it buys beside
+// the earlier rebuild (legacy_read_list.h). A copy of the driver's code;
+// benchmark code only.
 #ifndef PLCDRIVER_CURRENT_READ_LIST_H
 #define PLCDRIVER_CURRENT_READ_LIST_H
 
@@ -13,17 +14,11 @@
 
 #include <algorithm>
 #include <array>
-#include <numeric>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 namespace current {
-
-struct Devices {
-    bool radix = true;                  // radix sort of the items (else std::stable_sort)
-    bool texts_in_runtime_order = true; // texts given in the runtime's order (else in request order)
-};
 
 namespace detail {
 // What merging needs of one record of a group: its group, the units it asks
@@ -188,47 +183,29 @@ bool same_group(const ReadItem &a, const ReadItem &b)
     return a.station == b.station && a.reg_kind == b.reg_kind;
 }
 
-// The planned requests as records. Their texts are taken in the runtime's
-// order: in request order (by station, kind and address) the runtime's
-// descriptors and the share counts of their texts would be visited at
-// random, each visit a wait on memory once a long list no longer fits in the
-// caches; in the runtime's order they are read front to back.
-QList<RW_VAR> records_of(const QVector<ReadItem> &plan, const QList<HostReadVar> &descriptors, const RW_VAR &proto,
-                         bool runtime_order)
+// The planned requests as records, each a copy of the descriptor's record
+// it stands for.
+QList<RW_VAR> records_of(const QVector<ReadItem> &plan, const QList<HostReadVar> &descriptors, const RW_VAR &proto)
 {
     QList<RW_VAR> records;
     records.reserve(plan.size());
-    for (int k = 0; k < plan.size(); ++k) {
-        const ReadItem &p = plan.at(k);
+    for (const ReadItem &p : plan) {
+        const HostReadVar &h = descriptors.at(p.index);
         records.append(proto);
         RW_VAR &r = records.last();
+        r.name_text = h.name_text;
+        r.address_text = h.address_text;
         r.station = p.station;
         r.reg_kind = p.reg_kind;
         r.start_addr = p.start_addr;
         r.count = p.count;
-    }
-    // The requests in the order of their descriptors: a counting sort.
-    std::vector<int> first_use(size_t(descriptors.size()) + 1, 0);
-    for (const ReadItem &p : plan)
-        ++first_use[size_t(p.index) + 1];
-    std::partial_sum(first_use.begin(), first_use.end(), first_use.begin());
-    std::vector<int> by_descriptor(size_t(plan.size()));
-    for (int k = 0; k < plan.size(); ++k)
-        by_descriptor[size_t(first_use[size_t(plan.at(k).index)]++)] = k;
-    if (!runtime_order)
-        std::iota(by_descriptor.begin(), by_descriptor.end(), 0);
-    for (const int k : by_descriptor) {
-        const HostReadVar &h = descriptors.at(plan.at(k).index);
-        RW_VAR &r = records[k];
-        r.name_text = h.name_text;
-        r.address_text = h.address_text;
     }
     return records;
 }
 } // namespace detail
 using namespace detail;
 
-inline int rebuild_with(QList<HostReadVar> *descriptors, const Devices &devices)
+inline int rebuild_with(QList<HostReadVar> *descriptors, bool radix)
 {
     Communication_Protocol &d = PLC_driver;
     {
@@ -247,15 +224,16 @@ inline int rebuild_with(QList<HostReadVar> *descriptors, const Devices &devices)
         // and sorting each group with Bubble_Sort: groups ascending, equal
         // addresses in the runtime's order.
         std::vector<ReadItem> items = converted_items(*descriptors, *info);
-        if (devices.radix)
+        if (radix)
             sort_items(items);
         else
             std::stable_sort(items.begin(), items.end(), [](const ReadItem &a, const ReadItem &b) {
                 return std::tie(a.station, a.reg_kind, a.start_addr) < std::tie(b.station, b.reg_kind, b.start_addr);
             });
 
-        // Merge and split each group into planned requests, then make them
-        // records.
+        // Merge and split each group into planned requests, then make each
+        // request a record once: merging whole records would copy them and
+        // their texts' share counts at every step.
         QVector<ReadItem> plan;
         const int n = effective_max_units();
         for (size_t first = 0, end = 0; first < items.size(); first = end) {
@@ -264,7 +242,7 @@ inline int rebuild_with(QList<HostReadVar> *descriptors, const Devices &devices)
             merge_group(&items[first], int(end - first), BlockLimitForKind(items[first].reg_kind, n), plan,
                         [](const ReadItem &item) { return item; });
         }
-        d.read_list = records_of(plan, *descriptors, rebuild_prototype(*info), devices.texts_in_runtime_order);
+        d.read_list = records_of(plan, *descriptors, rebuild_prototype(*info));
     }
     DriverLock lock(d.list_mutex);
     return d.read_list.size();

@@ -42,6 +42,7 @@
 #include "read_list_reference.h"
 
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -132,61 +133,33 @@ void BM_TouchingDescriptorsOnly_FreshLists(benchmark::State &state)
     touch_only(state, kFreshLists);
 }
 
-void BM_ReCreatReadVarList_OneGroup(benchmark::State &state)
-{
-    run(state, ReCreatReadVarList, false, 1);
-}
-
-void BM_ReCreatReadVarList_Spread(benchmark::State &state)
-{
-    run(state, ReCreatReadVarList, true, 1);
-}
-
-void BM_ReCreatReadVarList_OneGroup_FreshLists(benchmark::State &state)
-{
-    run(state, ReCreatReadVarList, false, kFreshLists);
-}
-
-void BM_ReCreatReadVarList_Spread_FreshLists(benchmark::State &state)
-{
-    run(state, ReCreatReadVarList, true, kFreshLists);
-}
-
-void BM_NamedRoutines_OneGroup(benchmark::State &state)
-{
-    run(state, named_routines, false, 1);
-}
-
-void BM_NamedRoutines_Spread(benchmark::State &state)
-{
-    run(state, named_routines, true, 1);
-}
-
-void BM_NamedRoutines_OneGroup_FreshLists(benchmark::State &state)
-{
-    run(state, named_routines, false, kFreshLists);
-}
-
-void BM_NamedRoutines_Spread_FreshLists(benchmark::State &state)
-{
-    run(state, named_routines, true, kFreshLists);
-}
-
 void sizes(benchmark::internal::Benchmark *b)
 {
     b->RangeMultiplier(10)->Range(kSizes[0], kSizes[3])->Unit(benchmark::kMicrosecond);
 }
 
-BENCHMARK(BM_ReCreatReadVarList_OneGroup)->Apply(sizes);
-BENCHMARK(BM_ReCreatReadVarList_Spread)->Apply(sizes);
-BENCHMARK(BM_ReCreatReadVarList_OneGroup_FreshLists)->Apply(sizes);
-BENCHMARK(BM_ReCreatReadVarList_Spread_FreshLists)->Apply(sizes);
-BENCHMARK(BM_NamedRoutines_OneGroup)->Apply(sizes);
-BENCHMARK(BM_NamedRoutines_Spread)->Apply(sizes);
-BENCHMARK(BM_NamedRoutines_OneGroup_FreshLists)->Apply(sizes);
-BENCHMARK(BM_NamedRoutines_Spread_FreshLists)->Apply(sizes);
 BENCHMARK(BM_TouchingDescriptorsOnly)->Apply(sizes);
 BENCHMARK(BM_TouchingDescriptorsOnly_FreshLists)->Apply(sizes);
+
+// BM_ReCreatReadVarList_* and BM_NamedRoutines_*, each _OneGroup or _Spread,
+// from the same list or (_FreshLists) from the next of eight.
+void register_rebuilds()
+{
+    const std::pair<const char *, Rebuild> rebuilds[] = {{"BM_ReCreatReadVarList", ReCreatReadVarList},
+                                                         {"BM_NamedRoutines", named_routines}};
+    for (const auto &r : rebuilds) {
+        for (const bool spread : {false, true}) {
+            for (const int lists : {1, kFreshLists}) {
+                const std::string name =
+                    std::string(r.first) + (spread ? "_Spread" : "_OneGroup") + (lists > 1 ? "_FreshLists" : "");
+                const Rebuild rebuild = r.second;
+                sizes(benchmark::RegisterBenchmark(name.c_str(), [rebuild, spread, lists](benchmark::State &state) {
+                    run(state, rebuild, spread, lists);
+                }));
+            }
+        }
+    }
+}
 
 } // namespace
 
@@ -196,6 +169,7 @@ int main(int argc, char **argv)
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     make_all_descriptors();
+    register_rebuilds();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

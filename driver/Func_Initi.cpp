@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -388,10 +389,7 @@ QList<RW_VAR> records_of(const QVector<ReadItem> &plan, const QList<HostReadVar>
         RW_VAR &r = records.last();
         r.name_text = h.name_text;
         r.address_text = h.address_text;
-        r.station = p.station;
-        r.reg_kind = p.reg_kind;
-        r.start_addr = p.start_addr;
-        r.count = p.count;
+        std::tie(r.station, r.reg_kind, r.start_addr, r.count) = std::tie(p.station, p.reg_kind, p.start_addr, p.count);
     }
     return records;
 }

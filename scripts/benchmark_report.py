@@ -284,6 +284,7 @@ def read_list_section(rl, meta, out_dir, w, summary):
     summary["read_list"] = {"series": {v: [(n, s) for n, s in pts] for v, pts in series.items()}, "fits": fits,
                             "budget": budget, "growth_above_floor": above, "named_routines_ratio": named}
     p = Plot(out_dir, "read_list")
+    p.cmd("set termoption noenhanced")  # variant names hold underscores, not subscripts
     p.cmd("set logscale xy")
     p.cmd("set xlabel 'descriptors'")
     p.cmd("set ylabel 'ms per rebuild (CPU)'")

@@ -25,7 +25,7 @@
 //     the larger limit of the two groups;
 //   - the list equals the one a step-by-step rendering of the documented
 //     rebuild gives (groups in the runtime's order, exchange sort, merge and
-//     split; reference_read_list below), field by field;
+//     split; reference_read_list in read_list_reference.h), field by field;
 //   - without that exception and away from 32-bit address wrap-around: the
 //     entries of one station and kind have strictly ascending start
 //     addresses, and every unit a record asks for is read by an entry of its
@@ -57,79 +57,6 @@ struct Record {
     int64_t start;
     int64_t count;
 };
-
-// The rebuild as the driver documents it, written out step by step: groups
-// per station and kind in the runtime's order, each ordered by an exchange
-// sort, then merged and split. The driver's own rebuild (one ordered pass
-// over compact items) must give exactly this list.
-QList<RW_VAR> reference_read_list(const QList<HostReadVar> &descriptors, const ComInfo &info, int n)
-{
-    ReadGroups groups = group_descriptors(descriptors, info);
-
-    QList<RW_VAR> out;
-    for (auto &station : groups) {
-        for (auto &kind : station.second) {
-            std::vector<RW_VAR> &g = kind.second;
-            // Exchange sort: ascending start_addr, equal addresses keep their
-            // order. Long groups take a stable sort, which orders exactly
-            // alike, to keep an input short in time.
-            if (g.size() <= 64) {
-                for (size_t i = 0; i + 1 < g.size(); ++i)
-                    for (size_t j = g.size() - 1; j > i; --j)
-                        if (g[j].start_addr < g[j - 1].start_addr)
-                            std::swap(g[j], g[j - 1]);
-            } else {
-                std::stable_sort(g.begin(), g.end(),
-                                 [](const RW_VAR &a, const RW_VAR &b) { return a.start_addr < b.start_addr; });
-            }
-            const int k = g.front().reg_kind;
-            const int limit = (k == 0 || k == 1)     ? 2 * n
-                              : (k >= 9 && k <= 11)  ? std::min(n, 50)
-                              : (k >= 12 && k <= 14) ? std::min(n, 25)
-                                                     : n;
-            if (limit == 1) {
-                out.append(g.front());
-                int addr = g.front().start_addr, count = g.front().count;
-                for (size_t i = 1; i < g.size(); ++i) {
-                    if (g[i].start_addr != addr) {
-                        out.append(g[i]);
-                        addr = g[i].start_addr;
-                        count = g[i].count;
-                    } else if (g[i].count > count) {
-                        out.last().count = g[i].count;
-                        count = g[i].count;
-                    }
-                }
-                continue;
-            }
-            auto pieces = [&out, limit](RW_VAR proto, int64_t start, int64_t left) {
-                for (; left > 0; start += limit, left -= limit) {
-                    proto.start_addr = int32_t(start);
-                    proto.count = int32_t(std::min<int64_t>(left, limit));
-                    out.append(proto);
-                }
-            };
-            int64_t S = 0, L = 0;
-            for (size_t i = 0; i < g.size(); ++i) {
-                const int64_t A = g[i].start_addr, C = g[i].count;
-                // With no entry at all to extend, a record opens its own request.
-                if (i == 0 || A >= S + limit || out.isEmpty()) {
-                    pieces(g[i], A, C);
-                } else if (A + C > S + L) {
-                    const int64_t E = A + C - S;
-                    out.last().count = int32_t(std::min<int64_t>(E, limit));
-                    if (E > limit)
-                        pieces(out.last(), S + limit, E - limit);
-                }
-                if (!out.isEmpty()) {
-                    S = out.last().start_addr;
-                    L = out.last().count;
-                }
-            }
-        }
-    }
-    return out;
-}
 
 bool same_entry(const RW_VAR &a, const RW_VAR &b)
 {
@@ -172,8 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const uint8_t first = in.u8();
         if (first == 0xFF) {
             // A run: copies of one descriptor at evenly spaced addresses,
-            // ascending or descending, so that a short input makes the long
-            // lists the rebuild sorts differently (256 items and more).
+            // ascending or descending, so that a short input makes long
+            // lists (up to 1024 descriptors) for the sort and the merge.
             const uint8_t kind = in.u8();
             const uint8_t station = in.u8();
             const int base = in.u16();

@@ -241,6 +241,141 @@ def profile_summary(logs):
     return rows
 
 
+
+READ_LIST_BUDGET_MS = {10000: 2.0, 100000: 50.0}
+
+
+def read_list_section(rl, meta, out_dir, w, summary):
+    """Section 4: ReCreatReadVarList time against the number of descriptors."""
+    w("## 4. ReCreatReadVarList time against tag count\n")
+    w(f"Command: `{command_of(meta, 'bench_read_list')}`\n")
+    w("`bench_read_list`: one rebuild of the cyclic list from n descriptors with shuffled addresses and "
+      "duplicates; OneGroup = one station and kind, Spread = 16 stations and all 15 kinds. The plain "
+      "variants rebuild from the same list every call (caches and branch predictor warm from the call "
+      "before); the _FreshLists variants take the next of eight different lists each call. "
+      "ReCreatReadVarList converts the descriptors to compact items, sorts them with a radix sort, merges "
+      "each station-and-kind group into planned requests and makes each request a record. "
+      "NamedRoutines makes the same list with the driver's named routines step by step (a record per "
+      "descriptor in lists per station and kind, Bubble_Sort, BitVarReCreat). "
+      "TouchingDescriptorsOnly is no rebuild but the floor under one: each descriptor and the first "
+      "character of its address text read once, in order, nothing else. CPU time, median and range over "
+      "the repetitions. Growth is given from the medians and from the fastest repetitions: other load on "
+      "the machine only ever adds time, most of all to the largest lists, whose data it pushes out of the "
+      "shared cache.\n")
+    runs = gbench_runs(rl)
+    series = {}
+    for name, r in runs.items():
+        base, _, n = name.rpartition("/")
+        series.setdefault(base.replace("BM_ReCreatReadVarList_", "").replace("BM_", ""), []).append(
+            (int(n), spread([to_ns(x["cpu_time"], x["time_unit"]) / 1e6 for x in r])))
+    for pts in series.values():
+        pts.sort()
+    w("| variant | n | ms (median, min–max) | ns per descriptor |")
+    w("|---|---|---|---|")
+    for v, pts in sorted(series.items()):
+        for n, (m, lo, hi) in pts:
+            w(f"| {v} | {n:,} | {fmt(m)} ({fmt(lo)}–{fmt(hi)}) | {fmt(m * 1e6 / n)} |")
+    w("")
+    rebuilds = [v for v in sorted(series) if not v.startswith(("Touching", "NamedRoutines"))]
+    budget = read_list_budget(series, rebuilds, w)
+    fits = read_list_growth(series, w)
+    above = read_list_above_floor(series, rebuilds, w)
+    named = read_list_named_ratios(series, rebuilds, w)
+    summary["read_list"] = {"series": {v: [(n, s) for n, s in pts] for v, pts in series.items()}, "fits": fits,
+                            "budget": budget, "growth_above_floor": above, "named_routines_ratio": named}
+    p = Plot(out_dir, "read_list")
+    p.cmd("set termoption noenhanced")  # variant names hold underscores, not subscripts
+    p.cmd("set logscale xy")
+    p.cmd("set xlabel 'descriptors'")
+    p.cmd("set ylabel 'ms per rebuild (CPU)'")
+    p.cmd("set title 'Read-list rebuild time'")
+    img = p.render([([(n, m, lo, hi) for n, (m, lo, hi) in pts],
+                     f"using 1:2:3:4 with yerrorlines lw 2 title '{v} (slope {fits[v]['slope']:.2f})'")
+                    for v, pts in sorted(series.items())])
+    w(f"![read list]({img})\n")
+
+
+def read_list_budget(series, rebuilds, w):
+    """The rebuild against its budget: the slowest median and the slowest
+    fastest repetition of every ReCreatReadVarList variant at each budgeted size."""
+    rows = []
+    for n, limit in sorted(READ_LIST_BUDGET_MS.items()):
+        at = [dict(series[v])[n] for v in rebuilds if n in dict(series[v])]
+        if not at:
+            continue
+        worst_median = max(m for m, _, _ in at)
+        worst_fastest = max(lo for _, lo, _ in at)
+        rows.append({"n": n, "budget_ms": limit, "worst_median_ms": worst_median,
+                     "worst_fastest_ms": worst_fastest, "within": worst_median < limit})
+        w(f"- Budget at {n:,} descriptors: under {fmt(limit)} ms. Slowest variant: median {fmt(worst_median)} ms, "
+          f"fastest repetition {fmt(worst_fastest)} ms ({'within' if worst_median < limit else 'OVER'} budget).")
+    w("")
+    return rows
+
+
+def read_list_growth(series, w):
+    """Log-log slope and step growth of every variant, from medians and fastest repetitions."""
+    fits = {}
+    for v, pts in sorted(series.items()):
+        xs = [n for n, _ in pts]
+        ys = [m for _, (m, _, _) in pts]
+        _, b = fit_power(xs, ys)
+        _, b_fastest = fit_power(xs, [lo for _, (_, lo, _) in pts])
+        fits[v] = {"slope": b, "slope_fastest": b_fastest,
+                   "rms_linear": fit_shape(xs, ys, lambda x: x),
+                   "rms_nlogn": fit_shape(xs, ys, lambda x: x * math.log(x)),
+                   "growth": step_growth([(n, m) for n, (m, _, _) in pts]),
+                   # The fastest repetition is the least disturbed by other load, so
+                   # its growth moves less from run to run.
+                   "growth_fastest": step_growth([(n, lo) for n, (_, lo, _) in pts])}
+    for v, f in sorted(fits.items()):
+        better = "n log n" if f["rms_nlogn"] < f["rms_linear"] else "linear"
+        w(f"- {v}: log-log slope {f['slope']:.2f} ({growth_words(f['slope'])}), of the fastest repetitions "
+          f"{f['slope_fastest']:.2f}; of the one-parameter shapes c·n and c·n·log n, {better} fits the points "
+          f"better (rms log residual {f['rms_linear']:.3f} for c·n, {f['rms_nlogn']:.3f} for c·n·log n); time "
+          f"growth {growth_text(f['growth'])}; of the fastest repetitions {growth_text(f['growth_fastest'])}.")
+    w("")
+    return fits
+
+
+def read_list_above_floor(series, rebuilds, w):
+    """What the rebuild costs above the floor, and how that grows: the part of
+    the time that is the rebuild's own work rather than the machine bringing
+    the runtime's descriptors in from memory."""
+    above = {}
+    for v in rebuilds:
+        floor_name = "TouchingDescriptorsOnly" + ("_FreshLists" if v.endswith("_FreshLists") else "")
+        if floor_name not in series:
+            continue
+        floor = {n: m for n, (m, _, _) in series[floor_name]}
+        above[v] = step_growth([(n, m - floor[n]) for n, (m, _, _) in series[v] if n in floor])
+    if above:
+        w("Above the floor (rebuild time minus TouchingDescriptorsOnly of the same list policy), time growth:")
+        w("")
+        for v, g in above.items():
+            w(f"- {v}: {growth_text(g)}.")
+        w("")
+    return above
+
+
+def read_list_named_ratios(series, rebuilds, w):
+    """NamedRoutines time over ReCreatReadVarList time, per size, side by side
+    in the same run: what the rebuild's compact items buy."""
+    ratios = {}
+    for v in rebuilds:
+        named = dict(series.get("NamedRoutines_" + v, []))
+        if not named:
+            continue
+        ratios[v] = [(n, named[n][0] / m, named[n][1] / lo) for n, (m, lo, _) in series[v] if n in named]
+    if ratios:
+        w("The named routines step by step against ReCreatReadVarList (time ratio, medians / fastest repetitions):")
+        w("")
+        for v, rs in ratios.items():
+            w(f"- {v}: " + ", ".join(f"{n:,}: {a:.1f}x / {b:.1f}x" for n, a, b in rs) + ".")
+        w("")
+    return ratios
+
+
 def main():
     args = sys.argv[1:]
     if not args or args[0].startswith("-"):
@@ -525,78 +660,7 @@ def main():
 
     # ------------------------------------------------------------- read list
     if rl:
-        w("## 4. ReCreatReadVarList time against tag count\n")
-        w(f"Command: `{command_of(meta, 'bench_read_list')}`\n")
-        w("`bench_read_list`: one rebuild of the cyclic list from n descriptors with shuffled addresses and "
-          "duplicates; OneGroup = one station and kind, Spread = 16 stations and all 15 kinds. The plain "
-          "variants rebuild from the same list every call (caches and branch predictor warm from the call "
-          "before); the _FreshLists variants take the next of eight different lists each call. "
-          "TouchingDescriptorsOnly is no rebuild but the floor under one: each descriptor and the first "
-          "character of its address text read once, nothing else. CPU time, median and range over the "
-          "repetitions. Growth is given from the medians and from the fastest repetitions: other load on the "
-          "machine only ever adds time, most of all to the largest lists, whose data it pushes out of the "
-          "shared cache.\n")
-        runs = gbench_runs(rl)
-        series = {}
-        for name, r in runs.items():
-            base, _, n = name.rpartition("/")
-            series.setdefault(base.replace("BM_ReCreatReadVarList_", "").replace("BM_", ""), []).append(
-                (int(n), spread([to_ns(x["cpu_time"], x["time_unit"]) / 1e6 for x in r])))
-        w("| variant | n | ms (median, min–max) | ns per descriptor |")
-        w("|---|---|---|---|")
-        fits = {}
-        plots = []
-        for v, pts in sorted(series.items()):
-            pts.sort()
-            for n, (m, lo, hi) in pts:
-                w(f"| {v} | {n:,} | {fmt(m)} ({fmt(lo)}–{fmt(hi)}) | {fmt(m * 1e6 / n)} |")
-            xs = [n for n, _ in pts]
-            ys = [m for _, (m, _, _) in pts]
-            a, b = fit_power(xs, ys)
-            lin = fit_shape(xs, ys, lambda x: x)
-            nlogn = fit_shape(xs, ys, lambda x: x * math.log(x))
-            growth = step_growth([(n, m) for n, (m, _, _) in pts])
-            # The same from the fastest repetition of each size: the other
-            # load on the machine can only add time, so the fastest is the
-            # least disturbed, and its growth moves less from run to run.
-            growth_fastest = step_growth([(n, lo) for n, (_, lo, _) in pts])
-            fits[v] = {"slope": b, "rms_linear": lin, "rms_nlogn": nlogn, "growth": growth,
-                       "growth_fastest": growth_fastest}
-            plots.append(([(n, m, lo, hi) for n, (m, lo, hi) in pts],
-                          f"using 1:2:3:4 with yerrorlines lw 2 title '{v} (slope {b:.2f})'"))
-        w("")
-        for v, f in sorted(fits.items()):
-            better = "n log n" if f["rms_nlogn"] < f["rms_linear"] else "linear"
-            w(f"- {v}: log-log slope {f['slope']:.2f} ({growth_words(f['slope'])}); of the one-parameter "
-              f"shapes c·n and c·n·log n, {better} fits the points better (rms log residual "
-              f"{f['rms_linear']:.3f} for c·n, {f['rms_nlogn']:.3f} for c·n·log n); time growth "
-              f"{growth_text(f['growth'])}; of the fastest repetitions {growth_text(f['growth_fastest'])}.")
-        w("")
-        # What the rebuild costs above the floor, and how that grows: the
-        # part of the time that is the rebuild's own work rather than the
-        # machine bringing the runtime's descriptors in from memory.
-        above = {}
-        for v, pts in sorted(series.items()):
-            floor_name = "TouchingDescriptorsOnly" + ("_FreshLists" if v.endswith("_FreshLists") else "")
-            if v.startswith("Touching") or floor_name not in series:
-                continue
-            floor = {n: m for n, (m, _, _) in series[floor_name]}
-            above[v] = step_growth([(n, m - floor[n]) for n, (m, _, _) in pts if n in floor])
-        if above:
-            w("Above the floor (rebuild time minus TouchingDescriptorsOnly of the same list policy), time growth:")
-            w("")
-            for v, g in above.items():
-                w(f"- {v}: {growth_text(g)}.")
-            w("")
-        summary["read_list"] = {"series": {v: [(n, s) for n, s in pts] for v, pts in series.items()}, "fits": fits,
-                                "growth_above_floor": above}
-        p = Plot(out_dir, "read_list")
-        p.cmd("set logscale xy")
-        p.cmd("set xlabel 'descriptors'")
-        p.cmd("set ylabel 'ms per ReCreatReadVarList (CPU)'")
-        p.cmd("set title 'Read-list rebuild time'")
-        img = p.render(plots)
-        w(f"![read list]({img})\n")
+        read_list_section(rl, meta, out_dir, w, summary)
 
     # ---------------------------------------------------------------- mirror
     if sc or mir:

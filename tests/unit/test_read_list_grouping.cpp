@@ -53,24 +53,23 @@ protected:
     int rebuild(QList<HostReadVar> hosts) { return ReCreatReadVarList(&hosts); }
 
     // Rebuilds from hosts and compares every field of every entry with the
-    // plain procedure: group the records per station and kind in the
+    // plain procedure (group the records per station and kind in the
     // runtime's order, order each group with Bubble_Sort and merge it with
-    // BitVarReCreat.
+    // BitVarReCreat) and with the reference rendering of the same rules.
     void expect_rebuild_matches_plain_procedure(const QList<HostReadVar> &hosts, const std::string &label)
     {
-        PLC_driver.read_list.clear();
-        const int n = info_.max_read_units;
-        for (const auto &station : group_descriptors(hosts, info_)) {
-            for (const auto &kind : station.second) {
-                QList<RW_VAR> group(kind.second.begin(), kind.second.end());
-                Bubble_Sort(&group);
-                BitVarReCreat(&group, BlockLimitForKind(group.first().reg_kind, n));
-            }
-        }
-        const QList<RW_VAR> want = PLC_driver.read_list;
+        plain_read_list(hosts, info_);
+        const QList<RW_VAR> plain = PLC_driver.read_list;
+        const QList<RW_VAR> reference = reference_read_list(hosts, info_, effective_max_units());
 
-        ASSERT_EQ(rebuild(hosts), want.size()) << label;
-        const QList<RW_VAR> &got = PLC_driver.read_list;
+        ASSERT_EQ(rebuild(hosts), plain.size()) << label;
+        expect_same_entries(PLC_driver.read_list, plain, label + " against the named routines");
+        expect_same_entries(PLC_driver.read_list, reference, label + " against the reference");
+    }
+
+    static void expect_same_entries(const QList<RW_VAR> &got, const QList<RW_VAR> &want, const std::string &label)
+    {
+        ASSERT_EQ(got.size(), want.size()) << label;
         for (int i = 0; i < got.size(); ++i) {
             const RW_VAR &g = got.at(i);
             const RW_VAR &w = want.at(i);
@@ -549,10 +548,9 @@ TEST_F(ReadListGrouping, WhetherGroupWithoutPositiveLimitAppendsUnchanged)
     EXPECT_EQ(out.at(1).count, 7);
 }
 
-// The rebuild on large, mixed lists against the plain procedure: group the
-// records per station and kind in the runtime's order, order each group
-// with Bubble_Sort and merge it with BitVarReCreat. Every field of every
-// entry must agree, whichever way the rebuild gets there.
+// The rebuild on large, mixed lists against the plain procedure and the
+// reference. Every field of every entry must agree, whichever way the
+// rebuild gets there.
 TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
 {
     std::mt19937 rng(4242u);
@@ -582,8 +580,7 @@ TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroup)
 
 // The same on lists whose keys stretch the sort: addresses up to the top of
 // the 32-bit range, addresses that differ only in high bits, every station
-// and kind code (a wide group part), all keys the same, and sizes around the
-// point where the sort changes method.
+// and kind code, all keys the same, and sizes of 255 to 1,755 descriptors.
 TEST_F(ReadListGrouping, RebuildMatchesSortAndMergePerGroupOnExtremeKeys)
 {
     std::mt19937 rng(777u);

@@ -147,6 +147,11 @@ bool Ethernetcontains(int station)
 }
 
 // ---------------------------------------------------------------- cycle
+//
+// ComCommunication and DataCom are the driver's half of the cycle the
+// runtime drives; docs/exchange-cycle.md describes the whole cycle: a
+// request's life, when a pass ends, the bursts, and who sets and resets each
+// field of the communication-info record.
 
 namespace {
 

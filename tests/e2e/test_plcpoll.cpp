@@ -179,7 +179,9 @@ TEST(Plcpoll, UsageErrorsNameTheProblem)
         std::vector<std::string> args;
         std::string err;
     } cases[] = {
-        {{"--tags", bad}, "plcpoll: " + bad + ":5: expected 5 fields name,kind,address,station,count, got 4\n"},
+        {{"--tags", bad},
+         "plcpoll: " + bad +
+             ":5: expected 5 to 10 fields name,kind,address,station,count[,type,order,scale,offset,unit], got 4\n"},
         {{"--tags", addr}, "plcpoll: " + addr + ":1: invalid address '12' for kind 0 (expected BYTE.BIT)\n"},
         {{"--tags", kind}, "plcpoll: " + kind + ":1: invalid kind '15' (0..14)\n"},
         {{"--tags", "/nonexistent/tags.csv"},

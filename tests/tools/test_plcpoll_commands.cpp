@@ -205,7 +205,7 @@ protected:
     {
         std::vector<plcpoll::PollTag> polled;
         for (const auto &line : lines) {
-            auto tag = plcpoll::parse_tag_line(line);
+            auto tag = plctags::parse_tag_line(line);
             EXPECT_TRUE(tag.ok()) << line;
             if (tag.ok())
                 polled.push_back(std::move(tag).value());
@@ -409,7 +409,7 @@ TEST(PlcpollCommands, APlcThatRefusesTheConnection)
     Settings s;
     s.port = closed_port();
     const std::string refused = "cannot connect to 127.0.0.1:" + std::to_string(s.port) + ": Connection refused";
-    const plcpoll::Exit poll = plcpoll::run_command(s, {{plcpoll::parse_tag_line("a,4,0,1,1").value()}}, c.console);
+    const plcpoll::Exit poll = plcpoll::run_command(s, {{plctags::parse_tag_line("a,4,0,1,1").value()}}, c.console);
     EXPECT_EQ(poll.status, ExitStatus::Failed);
     EXPECT_EQ(poll.message, refused);
     s.command = Command::Write;

@@ -223,7 +223,7 @@ std::optional<Exit> parse_write_values(const Settings &s, WriteRequest *request)
     const int kind = request->target.kind;
     const int bits = plchost::value_bits(kind);
     for (size_t i = 2; i < s.operands.size(); ++i) {
-        const auto v = parse_value(s.operands[i], bits);
+        const auto v = plctags::parse_value(s.operands[i], bits);
         if (!v)
             return usage_error("invalid value '" + s.operands[i] + "' for kind " + std::to_string(kind) + " (" +
                                std::to_string(bits) + "-bit)");
@@ -292,12 +292,12 @@ Result<WriteRequest> parse_write_request(const Settings &s)
     t.name = "write";
     t.address = s.operands[1];
     t.station = s.station;
-    if (const auto why = parse_kind(s.operands[0], &t.kind))
+    if (const auto why = plctags::parse_kind(s.operands[0], &t.kind))
         return usage_error(*why);
     if (!plchost::kind_writable(t.kind))
         return usage_error("kind " + std::to_string(t.kind) + " (" + plchost::kind_name(t.kind) +
-                           ") is read-only; writable kinds are " + writable_kinds_text());
-    if (const auto why = check_address(t.kind, t.address))
+                           ") is read-only; writable kinds are " + plctags::writable_kinds_text());
+    if (const auto why = plctags::check_address(t.kind, t.address))
         return usage_error(*why);
     if (const auto error = parse_write_values(s, &request))
         return *error;

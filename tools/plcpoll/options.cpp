@@ -74,7 +74,7 @@ using Apply = std::optional<std::string> (*)(const std::string &value, Settings 
 template <int Settings::*Field, long long Min, long long Max>
 std::optional<std::string> set_integer(const std::string &value, Settings *s)
 {
-    const auto v = parse_integer(value, Min, Max);
+    const auto v = plctags::parse_integer(value, Min, Max);
     if (!v)
         return std::to_string(Min) + ".." + std::to_string(Max);
     s->*Field = int(*v);
@@ -108,7 +108,7 @@ std::optional<std::string> set_duration(const std::string &value, Settings *s)
 {
     // Longer than any commissioning session; keeps the time arithmetic finite.
     constexpr double kLongestDuration = 1e7;
-    s->duration_s = parse_non_negative(value, kLongestDuration);
+    s->duration_s = plctags::parse_non_negative(value, kLongestDuration);
     if (!s->duration_s)
         return "seconds";
     return std::nullopt;

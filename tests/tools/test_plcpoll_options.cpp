@@ -26,7 +26,9 @@ std::string describe(const Settings &s)
     o << "\nhost " << s.host << "\nport " << s.port << "\nlink " << int(s.link) << "\ntimeout " << s.timeout_ms
       << "\nretries " << s.retries << "\ninterval " << s.interval_ms << "\nonce " << s.once << "\nduration "
       << (s.duration_s ? std::to_string(*s.duration_s) : "none") << "\njson " << s.json << "\ntrace " << s.trace
-      << "\ndebug-log " << s.debug_log << "\nstation " << s.station << "\ntags";
+      << "\ndebug-log " << s.debug_log << "\ntrend " << s.trend << "\nstation " << s.station << "\nwrite as "
+      << plctags::type_name(s.write_as.type) << " " << plctags::order_name(s.write_as.order) << " " << s.write_as.scale
+      << " " << s.write_as.offset << "\ntags";
     for (const auto &t : s.tag_sources)
         o << (t.from == TagSource::From::File ? " file:" : " line:") << t.text;
     return o.str() + "\n";
@@ -88,33 +90,39 @@ TEST_P(PlcpollValueOption, TakesItsValueAsTheNextArgumentOrAfterAnEqualsSign)
 
 INSTANTIATE_TEST_SUITE_P(
     EveryOption, PlcpollValueOption,
-    ::testing::Values(ValueOption{"--host", "plc.example", [](Settings &s) { s.host = "plc.example"; }},
-                      ValueOption{"--port", "1", [](Settings &s) { s.port = 1; }},
-                      ValueOption{"--port", "65535", [](Settings &s) { s.port = 65535; }},
-                      ValueOption{"--link", "modbus", [](Settings &) {}},
-                      ValueOption{"--link", "remote",
-                                  [](Settings &s) {
-                                      s.link = plchost::LinkMode::Remote;
-                                      s.port = 1503;
-                                  }},
-                      ValueOption{"--timeout", "1", [](Settings &s) { s.timeout_ms = 1; }},
-                      ValueOption{"--timeout", "600000", [](Settings &s) { s.timeout_ms = 600000; }},
-                      ValueOption{"--retries", "0", [](Settings &s) { s.retries = 0; }},
-                      ValueOption{"--retries", "100", [](Settings &s) { s.retries = 100; }},
-                      ValueOption{"--interval", "0", [](Settings &s) { s.interval_ms = 0; }},
-                      ValueOption{"--interval", "3600000", [](Settings &s) { s.interval_ms = 3600000; }},
-                      ValueOption{"--duration", "0", [](Settings &s) { s.duration_s = 0.0; }},
-                      ValueOption{"--duration", "2.5", [](Settings &s) { s.duration_s = 2.5; }},
-                      ValueOption{"--duration", "1e7", [](Settings &s) { s.duration_s = 1e7; }},
-                      ValueOption{"--station", "0", [](Settings &s) { s.station = 0; }},
-                      ValueOption{"--station", "255", [](Settings &s) { s.station = 255; }},
-                      ValueOption{"--tag", "a,4,0,1,1",
-                                  [](Settings &s) {
-                                      s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"}};
-                                  }},
-                      ValueOption{"--tags", "tags.csv", [](Settings &s) {
-                                      s.tag_sources = {{TagSource::From::File, "tags.csv"}};
-                                  }}));
+    ::testing::Values(
+        ValueOption{"--host", "plc.example", [](Settings &s) { s.host = "plc.example"; }},
+        ValueOption{"--port", "1", [](Settings &s) { s.port = 1; }},
+        ValueOption{"--port", "65535", [](Settings &s) { s.port = 65535; }},
+        ValueOption{"--link", "modbus", [](Settings &) {}},
+        ValueOption{"--link", "remote",
+                    [](Settings &s) {
+                        s.link = plchost::LinkMode::Remote;
+                        s.port = 1503;
+                    }},
+        ValueOption{"--timeout", "1", [](Settings &s) { s.timeout_ms = 1; }},
+        ValueOption{"--timeout", "600000", [](Settings &s) { s.timeout_ms = 600000; }},
+        ValueOption{"--retries", "0", [](Settings &s) { s.retries = 0; }},
+        ValueOption{"--retries", "100", [](Settings &s) { s.retries = 100; }},
+        ValueOption{"--interval", "0", [](Settings &s) { s.interval_ms = 0; }},
+        ValueOption{"--interval", "3600000", [](Settings &s) { s.interval_ms = 3600000; }},
+        ValueOption{"--duration", "0", [](Settings &s) { s.duration_s = 0.0; }},
+        ValueOption{"--duration", "2.5", [](Settings &s) { s.duration_s = 2.5; }},
+        ValueOption{"--duration", "1e7", [](Settings &s) { s.duration_s = 1e7; }},
+        ValueOption{"--station", "0", [](Settings &s) { s.station = 0; }},
+        ValueOption{"--station", "255", [](Settings &s) { s.station = 255; }},
+        ValueOption{"--type", "float32", [](Settings &s) { s.write_as.type = plctags::ValueType::Float32; }},
+        ValueOption{"--order", "DCBA", [](Settings &s) { s.write_as.order = plctags::ByteOrder::DCBA; }},
+        ValueOption{"--scale", "0.1", [](Settings &s) { s.write_as.scale = 0.1; }},
+        ValueOption{"--offset", "-40", [](Settings &s) { s.write_as.offset = -40; }},
+        ValueOption{
+            "--tag", "a,4,0,1,1",
+            [](Settings &s) {
+                s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"}};
+            }},
+        ValueOption{"--tags", "tags.csv", [](Settings &s) {
+                        s.tag_sources = {{TagSource::From::File, "tags.csv"}};
+                    }}));
 
 // An option without a value, and what it changes.
 struct FlagOption {
@@ -136,6 +144,7 @@ INSTANTIATE_TEST_SUITE_P(EveryOption, PlcpollFlagOption,
                                            FlagOption{"--json", [](Settings &s) { s.json = true; }},
                                            FlagOption{"--trace", [](Settings &s) { s.trace = true; }},
                                            FlagOption{"--debug-log", [](Settings &s) { s.debug_log = true; }},
+                                           FlagOption{"--no-trend", [](Settings &s) { s.trend = false; }},
                                            FlagOption{"--help", [](Settings &s) { s.command = Command::Help; }},
                                            FlagOption{"-h", [](Settings &s) { s.command = Command::Help; }}));
 
@@ -193,6 +202,19 @@ INSTANTIATE_TEST_SUITE_P(CommandsAndOrder, PlcpollCommandLine,
                                              s.operands = {"4", "0", "--station"};
                                          }},
                              CommandLine{{"--"}, [](Settings &) {}},
+                             // The scan waits less for each reply unless --timeout says otherwise.
+                             CommandLine{{"scan"},
+                                         [](Settings &s) {
+                                             s.command = Command::Scan;
+                                             s.timeout_ms = 200;
+                                         }},
+                             CommandLine{{"scan", "1-10", "--timeout", "50"},
+                                         [](Settings &s) {
+                                             s.command = Command::Scan;
+                                             s.operands = {"1-10"};
+                                             s.timeout_ms = 50;
+                                         }},
+                             CommandLine{{"--timeout", "1000", "scan"}, [](Settings &s) { s.command = Command::Scan; }},
                              // A second command word is an argument of the first.
                              CommandLine{{"write", "write"},
                                          [](Settings &s) {
@@ -278,6 +300,13 @@ INSTANTIATE_TEST_SUITE_P(
                       UsageError{{"--duration", "1e8"}, "invalid value '1e8' for --duration (seconds)"},
                       UsageError{{"--duration", "nan"}, "invalid value 'nan' for --duration (seconds)"},
                       UsageError{{"--duration", "2s"}, "invalid value '2s' for --duration (seconds)"},
+                      UsageError{{"--type", "float"},
+                                 "invalid value 'float' for --type (raw int16 uint16 int32 uint32 int64 uint64 float32 "
+                                 "float64 hex bits ascii)"},
+                      UsageError{{"--order", "abcd"}, "invalid value 'abcd' for --order (ABCD CDAB BADC DCBA)"},
+                      UsageError{{"--scale", "x"}, "invalid value 'x' for --scale (a decimal number)"},
+                      UsageError{{"--offset", "0x10"}, "invalid value '0x10' for --offset (a decimal number)"},
+                      UsageError{{"--no-trend=1"}, "option --no-trend takes no value (see --help)"},
                       UsageError{{"poll"}, "unexpected argument 'poll' (see --help)"},
                       UsageError{{"--", "x"}, "unexpected argument 'x' (see --help)"},
                       UsageError{{"-5"}, "unknown option '-5' (see --help)"}));

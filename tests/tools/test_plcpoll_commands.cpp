@@ -350,6 +350,26 @@ protected:
         return "127.0.0.1:" + std::to_string(s.port);
     }
 
+    // Runs the write `w` and expects its report to start with `report`.
+    void expect_write(Settings w, const std::string &report)
+    {
+        w.command = Command::Write;
+        const plcpoll::Exit exit = plcpoll::run_command(w, {}, c_.console);
+        ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
+        EXPECT_EQ(c_.out.str().rfind(report, 0), 0u) << c_.out.str();
+    }
+
+    // The tags of one pass over the tag lines, as JSON.
+    Json pass_tags(const std::vector<std::string> &lines)
+    {
+        CapturedConsole poll;
+        Settings p = settings();
+        p.once = true;
+        p.json = true;
+        EXPECT_EQ(plcpoll::run_command(p, tags(lines), poll.console).status, ExitStatus::Ok);
+        return json_lines(poll.out.str()).at(0)["tags"];
+    }
+
     // Holding registers 10..12 (kind 4), input register 0x8004 (kind 2) and
     // coils 0xA000..0xA003 (kind 1), with the values the fill gives them.
     const std::vector<std::string> kTagLines = {"w,4,10,1,3", "ir,2,4,1,1", "c,1,0.0,1,4"};
@@ -472,22 +492,10 @@ TEST_F(PlcpollAgainstPlcsim, WriteReadsBackAndAPollSeesTheValues)
 {
     Settings s = settings();
     s.operands = {"4", "20", "1234", "0xBEEF"};
-    s.command = Command::Write;
     s.station = 3;
-    const plcpoll::Exit exit = plcpoll::run_command(s, {}, c_.console);
-    ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
-    EXPECT_EQ(c_.out.str().rfind("write kind 4 (word (class 4)) address 20 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> "
-                                 "ok\nread back: 1234 (0x04D2), 48879 (0xBEEF)\nstatistics: ",
-                                 0),
-              0u)
-        << c_.out.str();
-
-    CapturedConsole poll;
-    Settings p = settings();
-    p.once = true;
-    p.json = true;
-    ASSERT_EQ(plcpoll::run_command(p, tags({"w,4,20,3,2", "other,4,20,1,2"}), poll.console).status, ExitStatus::Ok);
-    EXPECT_EQ(values_by_name(json_lines(poll.out.str()).at(0)["tags"]),
+    expect_write(s, "write kind 4 (word (class 4)) address 20 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> ok\n"
+                    "read back: 1234 (0x04D2), 48879 (0xBEEF)\nstatistics: ");
+    EXPECT_EQ(values_by_name(pass_tags({"w,4,20,3,2", "other,4,20,1,2"})),
               (Json{{"w", {1234, 0xBEEF}}, {"other", {20, 21}}}));
 }
 
@@ -613,25 +621,12 @@ TEST_F(PlcpollAgainstPlcsim, AScanThatFindsNoStationFails)
 TEST_F(PlcpollAgainstPlcsim, ATypedWriteReadsBackBitForBit)
 {
     Settings w = settings();
-    w.command = Command::Write;
     w.operands = {"4", "30", "3.14159", "-1.5"};
     w.write_as.type = plctags::ValueType::Float32;
     w.write_as.order = plctags::ByteOrder::CDAB;
-    const plcpoll::Exit exit = plcpoll::run_command(w, {}, c_.console);
-    ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
-    EXPECT_EQ(c_.out.str().rfind("write kind 4 (word (class 4)) address 30 station 1 as float32 CDAB: 3.14159, -1.5 -> "
-                                 "ok\nread back: 3.14159, -1.5\n",
-                                 0),
-              0u)
-        << c_.out.str();
-
-    CapturedConsole poll;
-    Settings p = settings();
-    p.once = true;
-    p.json = true;
-    ASSERT_EQ(plcpoll::run_command(p, tags({"f,4,30,1,4,float32,CDAB", "w,4,30,1,4,hex"}), poll.console).status,
-              ExitStatus::Ok);
-    const Json tags_read = json_lines(poll.out.str()).at(0)["tags"];
+    expect_write(w, "write kind 4 (word (class 4)) address 30 station 1 as float32 CDAB: 3.14159, -1.5 -> ok\n"
+                    "read back: 3.14159, -1.5\n");
+    const Json tags_read = pass_tags({"f,4,30,1,4,float32,CDAB", "w,4,30,1,4,hex"});
     EXPECT_EQ(tags_read[0]["values"], Json({3.14159, -1.5}));
     EXPECT_EQ(tags_read[0]["quality"], "good");
     EXPECT_EQ(tags_read[1]["values"], Json({"0x0FD0", "0x4049", "0x0000", "0xBFC0"}));

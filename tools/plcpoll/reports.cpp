@@ -27,28 +27,31 @@ template <typename Figures> std::string round_trip_text(const Figures &f)
     return format("round trip: min %.3f ms, avg %.3f ms, max %.3f ms", f.rtt_min_ms, f.rtt_avg_ms, f.rtt_max_ms);
 }
 
-template <typename Figures> Json rtt_json(const Figures &f)
-{
-    return Json{{"min", f.rtt_min_ms}, {"avg", f.rtt_avg_ms}, {"max", f.rtt_max_ms}};
-}
-
 // Percent with one decimal, as the text shows it.
 double one_decimal(double percent)
 {
     return std::round(percent * 10) / 10;
 }
 
+// The counts the totals and each station share, in the order JSON shows them.
+template <typename Figures> Json figures_json(const Figures &f)
+{
+    return Json{{"requests", f.requests}, {"good_replies", f.good_replies}, {"failed_replies", f.failed_replies},
+                {"retries", f.retries},   {"give_ups", f.give_ups},         {"timeouts", f.timeouts}};
+}
+
+template <typename Figures> void add_loss_and_rtt(Json *json, const Figures &f)
+{
+    (*json)["frame_loss_percent"] = one_decimal(loss_of(f));
+    (*json)["rtt_ms"] = Json{{"min", f.rtt_min_ms}, {"avg", f.rtt_avg_ms}, {"max", f.rtt_max_ms}};
+}
+
 Json station_json(const plchost::StationStats &s)
 {
-    return Json{{"requests", s.requests},
-                {"good_replies", s.good_replies},
-                {"failed_replies", s.failed_replies},
-                {"retries", s.retries},
-                {"give_ups", s.give_ups},
-                {"timeouts", s.timeouts},
-                {"frame_loss_percent", one_decimal(loss_of(s))},
-                {"rtt_ms", rtt_json(s)},
-                {"failing", s.failing}};
+    Json json = figures_json(s);
+    add_loss_and_rtt(&json, s);
+    json["failing"] = s.failing;
+    return json;
 }
 
 std::string stations_text(const plchost::Stats &s)
@@ -127,22 +130,17 @@ Json stats_json(const plchost::Stats &s)
         codes[std::to_string(code.first)] = code.second;
     for (const auto &station : s.stations)
         stations[std::to_string(station.first)] = station_json(station.second);
-    return Json{{"requests", s.requests},
-                {"good_replies", s.good_replies},
-                {"failed_replies", s.failed_replies},
-                {"retries", s.retries},
-                {"give_ups", s.give_ups},
-                {"timeouts", s.timeouts},
-                {"reconnects", s.reconnects},
-                {"connect_failures", s.connect_failures},
-                {"foreign_replies", s.foreign_replies},
-                {"resyncs", s.resyncs},
-                {"stale_bytes", s.stale_bytes},
-                {"passes", s.passes},
-                {"frame_loss_percent", one_decimal(loss_of(s))},
-                {"rtt_ms", rtt_json(s)},
-                {"codes", codes},
-                {"stations", stations}};
+    Json json = figures_json(s);
+    json["reconnects"] = s.reconnects;
+    json["connect_failures"] = s.connect_failures;
+    json["foreign_replies"] = s.foreign_replies;
+    json["resyncs"] = s.resyncs;
+    json["stale_bytes"] = s.stale_bytes;
+    json["passes"] = s.passes;
+    add_loss_and_rtt(&json, s);
+    json["codes"] = codes;
+    json["stations"] = stations;
+    return json;
 }
 
 std::string render_stats(const plchost::Stats &s)

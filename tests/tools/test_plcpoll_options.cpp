@@ -90,39 +90,33 @@ TEST_P(PlcpollValueOption, TakesItsValueAsTheNextArgumentOrAfterAnEqualsSign)
 
 INSTANTIATE_TEST_SUITE_P(
     EveryOption, PlcpollValueOption,
-    ::testing::Values(
-        ValueOption{"--host", "plc.example", [](Settings &s) { s.host = "plc.example"; }},
-        ValueOption{"--port", "1", [](Settings &s) { s.port = 1; }},
-        ValueOption{"--port", "65535", [](Settings &s) { s.port = 65535; }},
-        ValueOption{"--link", "modbus", [](Settings &) {}},
-        ValueOption{"--link", "remote",
-                    [](Settings &s) {
-                        s.link = plchost::LinkMode::Remote;
-                        s.port = 1503;
-                    }},
-        ValueOption{"--timeout", "1", [](Settings &s) { s.timeout_ms = 1; }},
-        ValueOption{"--timeout", "600000", [](Settings &s) { s.timeout_ms = 600000; }},
-        ValueOption{"--retries", "0", [](Settings &s) { s.retries = 0; }},
-        ValueOption{"--retries", "100", [](Settings &s) { s.retries = 100; }},
-        ValueOption{"--interval", "0", [](Settings &s) { s.interval_ms = 0; }},
-        ValueOption{"--interval", "3600000", [](Settings &s) { s.interval_ms = 3600000; }},
-        ValueOption{"--duration", "0", [](Settings &s) { s.duration_s = 0.0; }},
-        ValueOption{"--duration", "2.5", [](Settings &s) { s.duration_s = 2.5; }},
-        ValueOption{"--duration", "1e7", [](Settings &s) { s.duration_s = 1e7; }},
-        ValueOption{"--station", "0", [](Settings &s) { s.station = 0; }},
-        ValueOption{"--station", "255", [](Settings &s) { s.station = 255; }},
-        ValueOption{"--type", "float32", [](Settings &s) { s.write_as.type = plctags::ValueType::Float32; }},
-        ValueOption{"--order", "DCBA", [](Settings &s) { s.write_as.order = plctags::ByteOrder::DCBA; }},
-        ValueOption{"--scale", "0.1", [](Settings &s) { s.write_as.scale = 0.1; }},
-        ValueOption{"--offset", "-40", [](Settings &s) { s.write_as.offset = -40; }},
-        ValueOption{
-            "--tag", "a,4,0,1,1",
-            [](Settings &s) {
-                s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"}};
-            }},
-        ValueOption{"--tags", "tags.csv", [](Settings &s) {
-                        s.tag_sources = {{TagSource::From::File, "tags.csv"}};
-                    }}));
+    ::testing::Values(ValueOption{"--host", "plc.example", [](Settings &s) { s.host = "plc.example"; }},
+                      ValueOption{"--port", "1", [](Settings &s) { s.port = 1; }},
+                      ValueOption{"--port", "65535", [](Settings &s) { s.port = 65535; }},
+                      ValueOption{"--link", "modbus", [](Settings &) {}},
+                      ValueOption{"--link", "remote",
+                                  [](Settings &s) {
+                                      s.link = plchost::LinkMode::Remote;
+                                      s.port = 1503;
+                                  }},
+                      ValueOption{"--timeout", "1", [](Settings &s) { s.timeout_ms = 1; }},
+                      ValueOption{"--timeout", "600000", [](Settings &s) { s.timeout_ms = 600000; }},
+                      ValueOption{"--retries", "0", [](Settings &s) { s.retries = 0; }},
+                      ValueOption{"--retries", "100", [](Settings &s) { s.retries = 100; }},
+                      ValueOption{"--interval", "0", [](Settings &s) { s.interval_ms = 0; }},
+                      ValueOption{"--interval", "3600000", [](Settings &s) { s.interval_ms = 3600000; }},
+                      ValueOption{"--duration", "0", [](Settings &s) { s.duration_s = 0.0; }},
+                      ValueOption{"--duration", "2.5", [](Settings &s) { s.duration_s = 2.5; }},
+                      ValueOption{"--duration", "1e7", [](Settings &s) { s.duration_s = 1e7; }},
+                      ValueOption{"--station", "0", [](Settings &s) { s.station = 0; }},
+                      ValueOption{"--station", "255", [](Settings &s) { s.station = 255; }},
+                      ValueOption{"--tag", "a,4,0,1,1",
+                                  [](Settings &s) {
+                                      s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"}};
+                                  }},
+                      ValueOption{"--tags", "tags.csv", [](Settings &s) {
+                                      s.tag_sources = {{TagSource::From::File, "tags.csv"}};
+                                  }}));
 
 // An option without a value, and what it changes.
 struct FlagOption {
@@ -174,87 +168,96 @@ TEST_P(PlcpollCommandLine, ReadsAsExpected)
     EXPECT_EQ(describe(parsed(GetParam().args)), describe(want)) << args_text(GetParam().args);
 }
 
-INSTANTIATE_TEST_SUITE_P(CommandsAndOrder, PlcpollCommandLine,
-                         ::testing::Values(
-                             // The write command and its arguments, options before, between and after them.
-                             CommandLine{{"write", "4", "10", "1234"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"4", "10", "1234"};
-                                         }},
-                             CommandLine{{"--json", "write", "4", "0", "-1", "--station", "3", "-32768"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.json = true;
-                                             s.station = 3;
-                                             s.operands = {"4", "0", "-1", "-32768"};
-                                         }},
-                             CommandLine{{"write", "4", "0", "--station=2", "5"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.station = 2;
-                                             s.operands = {"4", "0", "5"};
-                                         }},
-                             // After "--" every argument is the command's, options too.
-                             CommandLine{{"write", "--", "4", "0", "--station"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"4", "0", "--station"};
-                                         }},
-                             CommandLine{{"--"}, [](Settings &) {}},
-                             // The scan waits less for each reply unless --timeout says otherwise.
-                             CommandLine{{"scan"},
-                                         [](Settings &s) {
-                                             s.command = Command::Scan;
-                                             s.timeout_ms = 200;
-                                         }},
-                             CommandLine{{"scan", "1-10", "--timeout", "50"},
-                                         [](Settings &s) {
-                                             s.command = Command::Scan;
-                                             s.operands = {"1-10"};
-                                             s.timeout_ms = 50;
-                                         }},
-                             CommandLine{{"--timeout", "1000", "scan"}, [](Settings &s) { s.command = Command::Scan; }},
-                             // A second command word is an argument of the first.
-                             CommandLine{{"write", "write"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"write"};
-                                         }},
-                             // A unique beginning of an option's name stands for the option.
-                             CommandLine{{"--stat", "9", "--ret=1"},
-                                         [](Settings &s) {
-                                             s.station = 9;
-                                             s.retries = 1;
-                                         }},
-                             // The port follows the link unless given, wherever it stands.
-                             CommandLine{{"--port", "1600", "--link", "remote"},
-                                         [](Settings &s) {
-                                             s.port = 1600;
-                                             s.link = plchost::LinkMode::Remote;
-                                         }},
-                             CommandLine{{"--link", "remote", "--port", "1502"},
-                                         [](Settings &s) {
-                                             s.port = 1502;
-                                             s.link = plchost::LinkMode::Remote;
-                                         }},
-                             // Tags keep the order of the command line; a later value wins.
-                             CommandLine{{"--tag", "a,4,0,1,1", "--tags", "f.csv", "--tag", "b,4,1,1,1", "--port", "1",
-                                          "--port", "2"},
-                                         [](Settings &s) {
-                                             s.port = 2;
-                                             s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"},
-                                                              {TagSource::From::File, "f.csv"},
-                                                              {TagSource::From::Line, "b,4,1,1,1"}};
-                                         }},
-                             // A value of an option may look like an option.
-                             CommandLine{{"--host", "--once"}, [](Settings &s) { s.host = "--once"; }},
-                             // --help ends the reading: what follows is not looked at.
-                             CommandLine{{"--help", "--bogus"}, [](Settings &s) { s.command = Command::Help; }},
-                             CommandLine{{"write", "4", "--help"}, [](Settings &s) {
-                                             s.command = Command::Help;
-                                             s.operands = {"4"};
-                                         }}));
+INSTANTIATE_TEST_SUITE_P(
+    CommandsAndOrder, PlcpollCommandLine,
+    ::testing::Values(
+        // The write command and its arguments, options before, between and after them.
+        CommandLine{{"write", "4", "10", "1234"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"4", "10", "1234"};
+                    }},
+        CommandLine{{"--json", "write", "4", "0", "-1", "--station", "3", "-32768"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.json = true;
+                        s.station = 3;
+                        s.operands = {"4", "0", "-1", "-32768"};
+                    }},
+        CommandLine{{"write", "4", "0", "--station=2", "5"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.station = 2;
+                        s.operands = {"4", "0", "5"};
+                    }},
+        // The typed write's options, in both spellings.
+        CommandLine{{"write", "4", "0", "1", "--type", "float32", "--order=DCBA", "--scale", "0.1", "--offset=-40"},
+                    writes({"4", "0", "1"},
+                           [](Settings &s) {
+                               s.write_as.type = plctags::ValueType::Float32;
+                               s.write_as.order = plctags::ByteOrder::DCBA;
+                               s.write_as.scale = 0.1;
+                               s.write_as.offset = -40;
+                           })},
+        // After "--" every argument is the command's, options too.
+        CommandLine{{"write", "--", "4", "0", "--station"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"4", "0", "--station"};
+                    }},
+        CommandLine{{"--"}, [](Settings &) {}},
+        // The scan waits less for each reply unless --timeout says otherwise.
+        CommandLine{{"scan"},
+                    [](Settings &s) {
+                        s.command = Command::Scan;
+                        s.timeout_ms = 200;
+                    }},
+        CommandLine{{"scan", "1-10", "--timeout", "50"},
+                    [](Settings &s) {
+                        s.command = Command::Scan;
+                        s.operands = {"1-10"};
+                        s.timeout_ms = 50;
+                    }},
+        CommandLine{{"--timeout", "1000", "scan"}, [](Settings &s) { s.command = Command::Scan; }},
+        // A second command word is an argument of the first.
+        CommandLine{{"write", "write"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"write"};
+                    }},
+        // A unique beginning of an option's name stands for the option.
+        CommandLine{{"--stat", "9", "--ret=1"},
+                    [](Settings &s) {
+                        s.station = 9;
+                        s.retries = 1;
+                    }},
+        // The port follows the link unless given, wherever it stands.
+        CommandLine{{"--port", "1600", "--link", "remote"},
+                    [](Settings &s) {
+                        s.port = 1600;
+                        s.link = plchost::LinkMode::Remote;
+                    }},
+        CommandLine{{"--link", "remote", "--port", "1502"},
+                    [](Settings &s) {
+                        s.port = 1502;
+                        s.link = plchost::LinkMode::Remote;
+                    }},
+        // Tags keep the order of the command line; a later value wins.
+        CommandLine{{"--tag", "a,4,0,1,1", "--tags", "f.csv", "--tag", "b,4,1,1,1", "--port", "1", "--port", "2"},
+                    [](Settings &s) {
+                        s.port = 2;
+                        s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"},
+                                         {TagSource::From::File, "f.csv"},
+                                         {TagSource::From::Line, "b,4,1,1,1"}};
+                    }},
+        // A value of an option may look like an option.
+        CommandLine{{"--host", "--once"}, [](Settings &s) { s.host = "--once"; }},
+        // --help ends the reading: what follows is not looked at.
+        CommandLine{{"--help", "--bogus"}, [](Settings &s) { s.command = Command::Help; }},
+        CommandLine{{"write", "4", "--help"}, [](Settings &s) {
+                        s.command = Command::Help;
+                        s.operands = {"4"};
+                    }}));
 
 // A command line that is refused, and the one line that says why.
 struct UsageError {
@@ -307,6 +310,12 @@ INSTANTIATE_TEST_SUITE_P(
                       UsageError{{"--scale", "x"}, "invalid value 'x' for --scale (a decimal number)"},
                       UsageError{{"--offset", "0x10"}, "invalid value '0x10' for --offset (a decimal number)"},
                       UsageError{{"--no-trend=1"}, "option --no-trend takes no value (see --help)"},
+                      UsageError{{"--type", "float32", "--tag", "a,4,0,1,2"},
+                                 "--type, --order, --scale and --offset are options of write; a tag gives its type in "
+                                 "its own fields (see --help)"},
+                      UsageError{{"scan", "--scale", "2"},
+                                 "--type, --order, --scale and --offset are options of write; a tag gives its type in "
+                                 "its own fields (see --help)"},
                       UsageError{{"poll"}, "unexpected argument 'poll' (see --help)"},
                       UsageError{{"--", "x"}, "unexpected argument 'x' (see --help)"},
                       UsageError{{"-5"}, "unknown option '-5' (see --help)"}));

@@ -257,6 +257,16 @@ const CommandWord *command_word(const std::string &word)
     return nullptr;
 }
 
+// Typed-write options given to a command that does not write: the user
+// likely meant them for the tags, which they do not change.
+bool typed_outside_write(const Settings &s)
+{
+    const PollTag untyped;
+    const bool typed = s.write_as.type != untyped.type || s.write_as.order != untyped.order ||
+                       s.write_as.scale != untyped.scale || s.write_as.offset != untyped.offset;
+    return typed && (s.command == Command::Poll || s.command == Command::Scan);
+}
+
 bool is_negative_number(const char *arg)
 {
     return arg[0] == '-' && std::isdigit(static_cast<unsigned char>(arg[1]));
@@ -315,6 +325,9 @@ Result<Settings> ArgumentReader::read()
         settings_.port = settings_.link == plchost::LinkMode::Modbus ? kModbusPort : kRemotePort;
     if (settings_.timeout_ms == kTimeoutNotGiven)
         settings_.timeout_ms = settings_.command == Command::Scan ? kScanTimeoutMs : kTimeoutMs;
+    if (typed_outside_write(settings_))
+        return usage_error("--type, --order, --scale and --offset are options of write; a tag gives its type in its "
+                           "own fields (see --help)");
     return settings_;
 }
 

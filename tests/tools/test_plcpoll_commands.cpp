@@ -573,6 +573,8 @@ TEST_P(PlcpollScan, ListsExactlyTheStationsPlcsimServes)
     s.command = Command::Scan;
     s.operands = {"1-6"};
     s.json = true;
+    // Each silent station (on the remote frame) costs one time-out.
+    s.timeout_ms = 500;
     const plcpoll::Exit exit = plcpoll::run_command(s, {}, c_.console);
     ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
     const auto out = json_lines(c_.out.str());

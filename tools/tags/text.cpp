@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
-namespace plcpoll {
+namespace plctags {
 
 namespace {
 
@@ -78,13 +78,20 @@ std::optional<long long> parse_integer(const std::string &text, long long min, l
 
 std::optional<double> parse_non_negative(const std::string &text, double max)
 {
-    if (text.empty())
+    const auto v = parse_real(text);
+    // Written so that NaN fails the range test too.
+    if (!v || !(*v >= 0) || *v > max)
         return std::nullopt;
-    errno = 0;
+    return v;
+}
+
+std::optional<double> parse_real(const std::string &text)
+{
+    if (text.empty() || text != trim(text) || text.find_first_of("xX") != std::string::npos)
+        return std::nullopt;
     char *end = nullptr;
     const double v = std::strtod(text.c_str(), &end);
-    // Written so that NaN fails the range test too.
-    if (errno != 0 || *end != '\0' || !(v >= 0) || v > max)
+    if (*end != '\0')
         return std::nullopt;
     return v;
 }
@@ -105,4 +112,4 @@ std::optional<uint64_t> parse_value(const std::string &text, int bits)
     return v;
 }
 
-} // namespace plcpoll
+} // namespace plctags

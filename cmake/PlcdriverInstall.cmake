@@ -3,7 +3,10 @@
 #   the libplcdriver.so link, include/plcdriver/Communication_Protocol.h,
 #   lib/cmake/plcdriver/ (find_package(plcdriver) -> plcdriver::plcdriver) and
 #   lib/pkgconfig/plcdriver.pc (component "development").
-# The static library and the internal headers are not installed.
+# The static library and the internal headers are not installed. The manual
+# pages are built and installed by PlcdriverManPages.cmake once every program
+# is known; the option is set here, before the tests look at it.
+option(PLCDRIVER_BUILD_MAN "Build and install the manual pages (needs scdoc)" ON)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 

@@ -8,7 +8,10 @@
 #   plcdriver-tools   component "tools": the programs (plcpoll, plcsim), for
 #                     commissioning on the board; only it needs libmodbus.
 # Anything installed with COMPONENT tools lands in plcdriver-tools; a build
-# without the programs makes no tools package.
+# without the programs makes no tools package. The manual pages and bash
+# completions go with their packages (PlcdriverManPages.cmake): the
+# functions' pages with libplcdriver-dev, the programs' with plcdriver-tools.
+include(${CMAKE_CURRENT_LIST_DIR}/PlcdriverManPages.cmake)
 set(CPACK_PACKAGE_NAME plcdriver)
 set(CPACK_PACKAGE_VENDOR "plcdriver developers")
 set(CPACK_PACKAGE_CONTACT "plcdriver developers <plcdriver-dev@localhost>")
@@ -42,7 +45,7 @@ set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libplcdriver-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
-    "PLC communication driver library for HMI runtimes (development files)\nThe header, the CMake package (find_package(plcdriver)) and the pkg-config\nfile (plcdriver.pc) for building a runtime against libplcdriver.so.1.")
+    "PLC communication driver library for HMI runtimes (development files)\nThe header, the CMake package (find_package(plcdriver)), the pkg-config\nfile (plcdriver.pc) and a manual page per function for building a runtime\nagainst libplcdriver.so.1.")
 # The CMake package and the .pc file find Qt Core's development files.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${_plcdriver_qt_dev})
 # A development package holds no programs or libraries of its own.
@@ -51,7 +54,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME plcdriver-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-    "PLC communication driver: commissioning tools\nplcpoll polls PLC tags through libplcdriver.so.1 and writes values;\nplcsim simulates a PLC (Modbus TCP and the remote frame).")
+    "PLC communication driver: commissioning tools\nplcpoll polls PLC tags through libplcdriver.so.1, writes values and finds\nthe stations that answer; plcsim simulates a PLC (Modbus TCP and the\nremote frame). With their manual pages and bash completions.")
 
 include(CPackComponent)
 cpack_add_component(runtime DISPLAY_NAME "Library")

@@ -157,11 +157,24 @@ bool TcpConnection::send(const uint8_t *data, size_t size)
     return true;
 }
 
+// One recv of at most `limit` bytes, appended to out: the bytes taken, 0
+// when none were waiting after all, -1 when the connection has ended.
+ssize_t TcpConnection::receive_some(size_t limit, std::vector<uint8_t> *out)
+{
+    uint8_t buf[512];
+    const ssize_t n = ::recv(fd_, buf, std::min(limit, sizeof buf), MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+        return 0;
+    if (n <= 0)
+        return -1;
+    out->insert(out->end(), buf, buf + n);
+    return n;
+}
+
 ReadStatus TcpConnection::read_exact(size_t want, Clock::time_point deadline, std::vector<uint8_t> *out, bool try_first,
                                      size_t room)
 {
     size_t got = 0;
-    uint8_t buf[512];
     bool wait = !try_first;
     room = std::max(room, want);
     while (got < want) {
@@ -171,12 +184,9 @@ ReadStatus TcpConnection::read_exact(size_t want, Clock::time_point deadline, st
                 return r == 0 ? ReadStatus::TimedOut : ReadStatus::Closed;
         }
         wait = true;
-        const ssize_t n = ::recv(fd_, buf, std::min(room - got, sizeof buf), MSG_DONTWAIT);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
-            continue;
-        if (n <= 0)
+        const ssize_t n = receive_some(room - got, out);
+        if (n < 0)
             return ReadStatus::Closed;
-        out->insert(out->end(), buf, buf + n);
         got += size_t(n);
     }
     return ReadStatus::Complete;
@@ -185,18 +195,14 @@ ReadStatus TcpConnection::read_exact(size_t want, Clock::time_point deadline, st
 ReadStatus TcpConnection::read_until_idle(std::chrono::milliseconds idle, size_t limit, Clock::time_point deadline,
                                           std::vector<uint8_t> *out)
 {
-    uint8_t buf[512];
     size_t got = 0;
     while (got < limit) {
         const int r = wait_readable(fd_, std::min(int(idle.count()), remaining_ms(deadline)));
         if (r <= 0)
             return r == 0 ? ReadStatus::Complete : ReadStatus::Closed;
-        const ssize_t n = ::recv(fd_, buf, std::min(sizeof buf, limit - got), MSG_DONTWAIT);
-        if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
-            continue;
-        if (n <= 0)
+        const ssize_t n = receive_some(limit - got, out);
+        if (n < 0)
             return ReadStatus::Closed;
-        out->insert(out->end(), buf, buf + n);
         got += size_t(n);
     }
     return ReadStatus::Complete;

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace plchost {
@@ -75,6 +76,8 @@ public:
     uint16_t port() const { return port_; }
 
 private:
+    ssize_t receive_some(size_t limit, std::vector<uint8_t> *out);
+
     std::string host_;
     uint16_t port_;
     ConnectTimings timings_;

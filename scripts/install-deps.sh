@@ -6,9 +6,11 @@
 set -euo pipefail
 
 declare -A GROUPS_PKGS=(
-  # plcpoll writes its JSON with nlohmann's header-only library.
-  [build]="cmake make g++ pkg-config qtbase5-dev nlohmann-json3-dev"
-  [test]="libgtest-dev libgmock-dev libbenchmark-dev"
+  # plcpoll writes its JSON with nlohmann's header-only library; the manual
+  # pages are turned from scdoc into roff at build time.
+  [build]="cmake make g++ pkg-config qtbase5-dev nlohmann-json3-dev scdoc"
+  # The manual pages are checked with man --warnings (man-db).
+  [test]="libgtest-dev libgmock-dev libbenchmark-dev man-db"
   # python3-pymodbus imports serial and serial_asyncio in its server code but
   # only recommends them, and recommends are not installed here.
   [modbus]="libmodbus-dev python3-pymodbus python3-serial python3-serial-asyncio mbpoll"
@@ -20,8 +22,9 @@ declare -A GROUPS_PKGS=(
   # The benchmark report (scripts/benchmarks.sh): charts with gnuplot, the
   # page written by Debian's /usr/bin/python3.
   [report]="gnuplot-nox python3"
-  # The Debian package test (cpack: dpkg-shlibdeps and file).
-  [package]="dpkg-dev file"
+  # The Debian package test (cpack: dpkg-shlibdeps and file; man reads the
+  # unpacked manual pages).
+  [package]="dpkg-dev file man-db"
   # The Qt 6 build of the driver and its unit tests.
   [qt6]="qt6-base-dev"
   # Root file systems of the boards (scripts/make-sysroot.sh): the target's

@@ -1,6 +1,8 @@
 // plcpoll run as a program: one pass as JSON against plcsim, write and read
-// back, both link modes, plain output, the frame trace, and every error
-// message with its exit code.
+// back, both link modes, plain output, the frame trace, typed writes and
+// reads checked bit for bit against plcsim and pymodbus with an independent
+// libmodbus client, the station scan, and every error message with its exit
+// code.
 #include "closed_port.h"
 #include "e2e_util.h"
 #include "modbus_client.h"
@@ -8,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 
 using namespace e2e;
@@ -229,4 +232,139 @@ TEST(Plcpoll, DebugLogGoesThroughTheDriversHandler)
     }
     EXPECT_TRUE(started);
     EXPECT_TRUE(finished);
+}
+
+namespace {
+
+// The bits of a float given in JSON: plcpoll writes a float32 as the
+// shortest text that reads back to it, so the double read from that text,
+// rounded to a float, has the bits the PLC holds.
+uint32_t float_bits_of(const std::string &json_number)
+{
+    const float f = float(std::stod(json_number));
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+// A float32 over two registers in CDAB order (low word first), put
+// together here without the tags library.
+uint32_t cdab(const std::vector<uint16_t> &registers)
+{
+    return uint32_t(registers.at(1)) << 16 | registers.at(0);
+}
+
+// A typed float32 written with plcpoll write, then read by plcpoll --once
+// --json and by the independent client; every reading must have the bits
+// written.
+void expect_float_round_trip(int port, ModbusClient &client, int address, const std::string &text, uint32_t bits)
+{
+    const std::string where = std::to_string(address);
+    const auto w = plcpoll(
+        {"--port", std::to_string(port), "write", "4", where, text, "--type", "float32", "--order", "CDAB", "--json"});
+    ASSERT_EQ(w.exit_status, 0) << w.err << w.out;
+    EXPECT_NE(w.out.find("\"result\":\"ok\""), std::string::npos) << w.out;
+    EXPECT_EQ(float_bits_of(json_values(w.out, "write")), bits) << w.out;
+    EXPECT_EQ(cdab(client.holding(address, 2)), bits);
+    const auto r =
+        plcpoll({"--port", std::to_string(port), "--tag", "flow,4," + where + ",1,2,float32,CDAB", "--once", "--json"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_EQ(float_bits_of(json_values(r.out, "flow")), bits) << r.out;
+}
+
+} // namespace
+
+TEST(Plcpoll, AFloat32WrittenCdabReadsBackBitForBitAgainstPlcsim)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim, {"--static"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    ModbusClient client(sim.modbus_port());
+    expect_float_round_trip(sim.modbus_port(), client, 10, "3.14159", 0x40490FD0);
+    expect_float_round_trip(sim.modbus_port(), client, 20, "-1.5", 0xBFC00000);
+    expect_float_round_trip(sim.modbus_port(), client, 30, "1e-45", 0x00000001);
+}
+
+TEST(Plcpoll, AFloat32WrittenCdabReadsBackBitForBitAgainstPymodbus)
+{
+    REQUIRE_TOOLS();
+    Child server({PLCDRIVER_PYTHON, std::string(PLCDRIVER_E2E_DIR) + "/pymodbus_server.py"});
+    int port = 0;
+    ASSERT_EQ(std::sscanf(server.read_line(20000ms).c_str(), "port=%d", &port), 1) << "pymodbus did not start";
+    ModbusClient client(port);
+    expect_float_round_trip(port, client, 100, "3.14159", 0x40490FD0);
+    expect_float_round_trip(port, client, 110, "-3.4028235e+38", 0xFF7FFFFF);
+}
+
+TEST(Plcpoll, TypedReadsOfThePymodbusPatternMatchTheRegisters)
+{
+    REQUIRE_TOOLS();
+    Child server({PLCDRIVER_PYTHON, std::string(PLCDRIVER_E2E_DIR) + "/pymodbus_server.py"});
+    int port = 0;
+    ASSERT_EQ(std::sscanf(server.read_line(20000ms).c_str(), "port=%d", &port), 1) << "pymodbus did not start";
+    // Holding register a holds 0x1000 + a; input register a 0x2000 + a.
+    const auto r = plcpoll({"--port", std::to_string(port), "--tag", "i16,4,5,1,1,int16", "--tag",
+                            "u32,4,5,1,2,uint32,CDAB", "--tag", "i64,4,0,1,4,int64,DCBA", "--tag",
+                            "scaled,2,3,1,1,uint16,,0.5,-10", "--tag", "text,4,16,1,2,hex", "--once", "--json"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_EQ(json_values(r.out, "i16"), std::to_string(0x1005));
+    EXPECT_EQ(json_values(r.out, "u32"), std::to_string(0x10061005u));
+    // DCBA: the registers in reverse with their bytes swapped.
+    EXPECT_EQ(json_values(r.out, "i64"), std::to_string(int64_t(0x0310021001100010)));
+    // Kind 2 reads input registers 0x8000 on: 0x8003 holds 0xA003; x 0.5 - 10.
+    EXPECT_EQ(json_values(r.out, "scaled"), "20471.5");
+    EXPECT_EQ(json_values(r.out, "text"), "\"0x1010\",\"0x1011\"");
+}
+
+TEST(Plcpoll, ScanListsExactlyTheStationsPlcsimServes)
+{
+    REQUIRE_TOOLS();
+    PlcsimProcess sim(kPlcsim, {"--stations", "2,5-6,247"});
+    std::string error;
+    ASSERT_TRUE(sim.start(&error)) << error;
+    const auto r = plcpoll({"--port", std::to_string(sim.modbus_port()), "scan", "--json"});
+    ASSERT_EQ(r.exit_status, 0) << r.err;
+    EXPECT_NE(r.out.find("\"present\":[2,5,6,247],"), std::string::npos) << r.out;
+    const auto lines =
+        plcpoll({"--port", std::to_string(sim.remote_port()), "--link", "remote", "scan", "1-7", "--timeout", "100"});
+    ASSERT_EQ(lines.exit_status, 0) << lines.err;
+    EXPECT_NE(lines.out.find(": 3 of 7 stations present: 2 5 6\nanswers: 3 reply, 4 silence\n"), std::string::npos)
+        << lines.out;
+}
+
+TEST(Plcpoll, TypedUsageErrorsNameTheProblem)
+{
+    REQUIRE_TOOLS();
+    const std::string typed = write_file("typed.csv", "flow,4,10,1,3,float32,CDAB\n");
+    const struct {
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {{"--tags", typed},
+         "plcpoll: " + typed +
+             ":1: tag 'flow': float32 takes 2 registers per value; kind 4 (word (class 4)) count 3 "
+             "covers 3\n"},
+        {{"--tag", "c,1,0.0,1,8,int16"},
+         "plcpoll: --tag 'c,1,0.0,1,8,int16': tag 'c': kind 1 (coil) holds bits: it takes no type but raw\n"},
+        {{"write", "4", "0", "70000", "--type", "int16"},
+         "plcpoll: invalid value '70000' for int16 (-32768..32767, or 0x and the value's bits)\n"},
+        {{"write", "4", "0", "1e40", "--type", "float32", "--order", "CDAB"},
+         "plcpoll: invalid value '1e40' for float32 (a decimal number of magnitude up to 3.4028235e+38 before "
+         "scaling, nan, inf or -inf)\n"},
+        {{"write", "4", "0", "1", "--type", "int16", "--order", "BADC"},
+         "plcpoll: order BADC needs a type wider than one register (int32 uint32 int64 uint64 float32 float64)\n"},
+        {{"--type", "real"},
+         "plcpoll: invalid value 'real' for --type (raw int16 uint16 int32 uint32 int64 uint64 float32 float64 hex "
+         "bits ascii)\n"},
+        {{"scan", "0-5"}, "plcpoll: invalid stations '0-5' (unit identifiers 1..247 and ranges, e.g. 1-10,17)\n"},
+    };
+    // Refused before any connection: no PLC listens on the default port.
+    for (const auto &c : cases) {
+        const auto r = plcpoll(c.args);
+        EXPECT_EQ(r.exit_status, 2) << c.err;
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(r.out, "");
+    }
+    std::remove(typed.c_str());
 }

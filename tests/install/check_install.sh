@@ -7,7 +7,9 @@
 #   deb        build the .debs with CPack (libplcdriver1, libplcdriver-dev and,
 #              with the programs, plcdriver-tools), check their contents and
 #              dependencies, unpack them and build and run the example against
-#              the unpacked tree, and the unpacked programs
+#              the unpacked tree, and the unpacked programs; read the unpacked
+#              manual pages with man (no warnings; man finds plcpoll's page
+#              through MANPATH) and try the bash completions
 # Cross builds pass their toolchain file, the emulator that runs the target's
 # programs (program and arguments separated by spaces), the Debian architecture and
 # the sysroot of the target; they use CMake for the example throughout.
@@ -21,6 +23,25 @@ example=$src/examples/host-project
 fail() {
   echo "FAIL: $*" >&2
   exit 1
+}
+
+# The functions of the exported C interface, each with a manual page of its
+# own: the exported symbols less the data symbols and the log handler.
+functions=($(grep -vxE 'LB|LW|RWI|PLC_driver|customMessageHandler' "$src/tests/exported_symbols.txt"))
+
+# check_man PAGE: man reads the page without a warning.
+check_man() {
+  local out
+  out=$(MANWIDTH=80 man --warnings -E UTF-8 -l "$1" 2>&1 >/dev/null) || fail "man -l $1 failed: $out"
+  [[ -z "$out" ]] || fail "man --warnings -l $1: $out"
+}
+
+# check_completion FILE COMMAND WORD EXPECTED: the completion of COMMAND WORD.
+check_completion() {
+  local got
+  got=$(bash -c 'source "$1"; COMP_WORDS=("$2" "$3"); COMP_CWORD=1; "_$2"; echo "${COMPREPLY[*]}"' _ "$@") ||
+    fail "the completion $1 failed"
+  [[ "$got" == "$4" ]] || fail "$1: '$2 $3' completes to '$got', expected '$4'"
 }
 
 # Runs a program built for the target (through the emulator in cross builds).
@@ -113,7 +134,13 @@ do_install() {
     [[ -x "$work/prefix/bin/$name" ]] || fail "$name was not installed into bin/"
     run_target "$work/prefix/bin/$name" --help >"$work/$name.help" 2>&1 ||
       fail "installed $name --help failed: $(head -5 "$work/$name.help")"
+    [[ -f "$work/prefix/share/man/man1/$name.1.gz" ]] || fail "the manual page of $name was not installed"
+    [[ -f "$work/prefix/share/bash-completion/completions/$name" ]] || fail "the completion of $name was not installed"
     echo "installed $name runs"
+  done
+  local f
+  for f in "${functions[@]}"; do
+    [[ -f "$work/prefix/share/man/man3/$f.3.gz" ]] || fail "the manual page $f(3) was not installed"
   done
 }
 
@@ -208,10 +235,12 @@ case $mode in
     }
     lib='^\./usr/lib/([^/]+/)?'
     expect_files libplcdriver1 "${lib}libplcdriver\.so\.1\.[0-9]+\.[0-9]+$" "${lib}libplcdriver\.so\.1$"
+    pages=()
+    for f in "${functions[@]}"; do pages+=("^\./usr/share/man/man3/$f\.3\.gz$"); done
     expect_files libplcdriver-dev "${lib}libplcdriver\.so$" '^\./usr/include/plcdriver/Communication_Protocol\.h$' \
       "${lib}cmake/plcdriver/plcdriverConfig\.cmake$" "${lib}cmake/plcdriver/plcdriverConfigVersion\.cmake$" \
       "${lib}cmake/plcdriver/plcdriverTargets\.cmake$" "${lib}cmake/plcdriver/plcdriverTargets-[a-z]+\.cmake$" \
-      "${lib}pkgconfig/plcdriver\.pc$"
+      "${lib}pkgconfig/plcdriver\.pc$" "${pages[@]}"
     depends_on() { # depends_on PACKAGE REGEX: a Depends entry matches
       tr ',' '\n' <<<"$(field "$1" Depends)" | sed 's/^ *//' | grep -qE "$2"
     }
@@ -224,7 +253,10 @@ case $mode in
     done
     if [[ ${#programs[@]} -gt 0 ]]; then
       bins=()
-      for prog in "${programs[@]}"; do bins+=("^\./usr/bin/$prog$"); done
+      for prog in "${programs[@]}"; do
+        bins+=("^\./usr/bin/$prog$" "^\./usr/share/man/man1/$prog\.1\.gz$"
+          "^\./usr/share/bash-completion/completions/$prog$")
+      done
       expect_files plcdriver-tools "${bins[@]}"
       depends_on plcdriver-tools "^libplcdriver1 \(= $version\)$" || fail "plcdriver-tools does not depend on libplcdriver1 (= $version)"
       depends_on plcdriver-tools '^libmodbus5( |$)' || fail "plcdriver-tools does not depend on libmodbus5"
@@ -237,6 +269,16 @@ case $mode in
       dpkg-deb -x "$work/${p}_${version}_${deb_arch}.deb" "$work/root"
     done
     check_tree "$work/root/usr"
+    for f in "${functions[@]}"; do
+      check_man "$work/root/usr/share/man/man3/$f.3.gz"
+    done
+    echo "unpacked manual pages of ${#functions[@]} functions read without warnings"
+    for prog in "${programs[@]}"; do
+      check_man "$work/root/usr/share/man/man1/$prog.1.gz"
+      MANPATH="$work/root/usr/share/man" MANWIDTH=80 man -P cat "$prog" 2>&1 | grep -q "^ *$prog - " ||
+        fail "man $prog does not find the unpacked page through MANPATH"
+      echo "man $prog shows the unpacked page"
+    done
     for prog in "${programs[@]}"; do
       # plcsim does not use the driver; plcpoll does.
       if readelf -d "$work/root/usr/bin/$prog" | grep -qF '[libplcdriver.so.1]'; then
@@ -246,6 +288,15 @@ case $mode in
         fail "unpacked $prog --help failed: $(head -5 "$work/$prog.help")"
       echo "unpacked $prog runs"
     done
+    completions=$work/root/usr/share/bash-completion/completions
+    if [[ -f "$completions/plcpoll" ]]; then
+      check_completion "$completions/plcpoll" plcpoll --no- --no-trend
+      echo "unpacked completion of plcpoll completes"
+    fi
+    if [[ -f "$completions/plcsim" ]]; then
+      check_completion "$completions/plcsim" plcsim --sta "--stations --static"
+      echo "unpacked completion of plcsim completes"
+    fi
     if [[ -z "$toolchain" ]]; then
       build_with_make "$LIBDIR"
     else

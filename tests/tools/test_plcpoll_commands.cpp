@@ -41,10 +41,10 @@ TEST_P(PlcpollGoodWrite, GivesTheTargetAndTheValues)
 {
     const auto r = plcpoll::parse_write_request(write_settings(GetParam().operands, 7));
     ASSERT_TRUE(r.ok()) << r.exit().message;
-    EXPECT_EQ(r.value().target.name, "write");
-    EXPECT_EQ(r.value().target.kind, GetParam().kind);
-    EXPECT_EQ(r.value().target.address, GetParam().address);
-    EXPECT_EQ(r.value().target.station, 7);
+    EXPECT_EQ(r.value().target.plc.name, "write");
+    EXPECT_EQ(r.value().target.plc.kind, GetParam().kind);
+    EXPECT_EQ(r.value().target.plc.address, GetParam().address);
+    EXPECT_EQ(r.value().target.plc.station, 7);
     EXPECT_EQ(r.value().values, GetParam().values);
 }
 
@@ -60,6 +60,42 @@ INSTANTIATE_TEST_SUITE_P(
                                 14,
                                 "8",
                                 {0x8000000000000000u, 0xFFFFFFFFFFFFFFFFu}}));
+
+// Typed writes: the values as the host's codec takes them for the kind, and
+// the count (in the kind's unit) that covers them.
+struct TypedWrite {
+    std::vector<std::string> operands;
+    std::vector<std::string> options; // --type and its companions
+    std::vector<uint64_t> values;
+    int count;
+};
+
+class PlcpollTypedWrite : public ::testing::TestWithParam<TypedWrite> {};
+
+TEST_P(PlcpollTypedWrite, ConvertsTheValuesBeforeAnythingIsSent)
+{
+    std::vector<std::string> args = GetParam().options;
+    args.push_back("write");
+    args.insert(args.end(), GetParam().operands.begin(), GetParam().operands.end());
+    const auto settings = plcpoll::parse_options(args);
+    ASSERT_TRUE(settings.ok()) << settings.exit().message;
+    const auto r = plcpoll::parse_write_request(settings.value());
+    ASSERT_TRUE(r.ok()) << r.exit().message;
+    EXPECT_EQ(r.value().values, GetParam().values);
+    EXPECT_EQ(r.value().target.plc.count, GetParam().count);
+    EXPECT_EQ(r.value().data.size(), 2u * GetParam().count);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Types, PlcpollTypedWrite,
+    ::testing::Values(TypedWrite{{"4", "10", "3.14159"}, {"--type", "float32", "--order", "CDAB"}, {0x0FD0, 0x4049}, 2},
+                      TypedWrite{{"4", "10", "3.14159", "-1.5"}, {"--type=float32"}, {0x4049, 0x0FD0, 0xBFC0, 0}, 4},
+                      TypedWrite{{"3", "0", "21.5"}, {"--type", "int16", "--scale", "0.1"}, {215}, 1},
+                      TypedWrite{{"4", "0", "60"}, {"--type", "uint16", "--offset", "-40"}, {100}, 1},
+                      TypedWrite{{"11", "2", "3.14159"}, {"--type", "float32"}, {0x0FD04049}, 2},
+                      TypedWrite{
+                          {"14", "1", "-1.5"}, {"--type", "float64", "--order", "DCBA"}, {0xF8BF000000000000u}, 4},
+                      TypedWrite{{"4", "0", "OK!"}, {"--type", "ascii"}, {0x4F4B, 0x2100}, 2}));
 
 struct BadWrite {
     std::vector<std::string> operands;
@@ -96,6 +132,102 @@ INSTANTIATE_TEST_SUITE_P(
         BadWrite{{"11", "0", "4294967296"}, "invalid value '4294967296' for kind 11 (32-bit)"},
         BadWrite{{"13", "0", "18446744073709551616"}, "invalid value '18446744073709551616' for kind 13 (64-bit)"},
         BadWrite{{"13", "0", "-9223372036854775809"}, "invalid value '-9223372036854775809' for kind 13 (64-bit)"}));
+
+// Typed values the type cannot hold, and types that do not fit the kind:
+// usage errors before any connection.
+struct BadTypedWrite {
+    std::vector<std::string> args;
+    std::string message;
+};
+
+class PlcpollBadTypedWrite : public ::testing::TestWithParam<BadTypedWrite> {};
+
+TEST_P(PlcpollBadTypedWrite, IsAUsageErrorThatSaysWhy)
+{
+    const auto settings = plcpoll::parse_options(GetParam().args);
+    ASSERT_TRUE(settings.ok()) << settings.exit().message;
+    EXPECT_TRUE(is_usage_error(plcpoll::parse_write_request(settings.value()), GetParam().message));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Errors, PlcpollBadTypedWrite,
+    ::testing::Values(
+        BadTypedWrite{{"write", "4", "0", "40000", "--type", "int16"},
+                      "invalid value '40000' for int16 (-32768..32767, or 0x and the value's bits)"},
+        BadTypedWrite{{"write", "4", "0", "-1", "--type", "uint32"},
+                      "invalid value '-1' for uint32 (0..4294967295, or 0x and the value's bits)"},
+        BadTypedWrite{{"write", "4", "0", "1e39", "--type", "float32"},
+                      "invalid value '1e39' for float32 (a decimal number of magnitude up to 3.4028235e+38 before "
+                      "scaling, nan, inf or -inf)"},
+        BadTypedWrite{{"write", "4", "0", "5000", "--type", "int16", "--scale", "0.1"},
+                      "invalid value '5000' for int16 with scale 0.1 and offset 0 (-3276.8..3276.7)"},
+        BadTypedWrite{{"write", "1", "0.0", "1", "--type", "int16"},
+                      "kind 1 (coil) holds bits: it takes no type but raw"},
+        BadTypedWrite{{"write", "7", "0", "1", "--type", "float32"},
+                      "kind 7 (byte (class 3)) holds bytes: its types are raw hex bits ascii"},
+        BadTypedWrite{{"write", "4", "0", "1", "--type", "int16", "--order", "CDAB"},
+                      "order CDAB needs a type wider than one register (int32 uint32 int64 uint64 float32 float64)"},
+        BadTypedWrite{{"write", "11", "0", "1", "--type", "int16"},
+                      "1 registers of int16 do not make whole values of kind 11 (dword (class 4)), 2 registers each"},
+        BadTypedWrite{
+            {"write", "4", "0", "1", "--scale", "2"},
+            "scale and offset need a numeric type (int16 uint16 int32 uint32 int64 uint64 float32 float64)"}));
+
+struct ScanStations {
+    std::vector<std::string> operands;
+    std::vector<int> stations;
+};
+
+class PlcpollScanStations : public ::testing::TestWithParam<ScanStations> {};
+
+TEST_P(PlcpollScanStations, AreTheUnitsToProbeInOrder)
+{
+    Settings s;
+    s.command = Command::Scan;
+    s.operands = GetParam().operands;
+    const auto r = plcpoll::parse_scan_stations(s);
+    ASSERT_TRUE(r.ok()) << r.exit().message;
+    EXPECT_EQ(r.value(), GetParam().stations);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lists, PlcpollScanStations,
+                         ::testing::Values(ScanStations{{"3"}, {3}}, ScanStations{{"5-7,1,6"}, {1, 5, 6, 7}},
+                                           ScanStations{{"247,1"}, {1, 247}}, ScanStations{{"9-9"}, {9}}));
+
+TEST(PlcpollScanStations, AreEveryUnitIdentifierWhenNoneAreGiven)
+{
+    Settings s;
+    s.command = Command::Scan;
+    const auto r = plcpoll::parse_scan_stations(s);
+    ASSERT_TRUE(r.ok());
+    ASSERT_EQ(r.value().size(), 247u);
+    EXPECT_EQ(r.value().front(), 1);
+    EXPECT_EQ(r.value().back(), 247);
+}
+
+class PlcpollBadScanStations : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(PlcpollBadScanStations, AreAUsageError)
+{
+    Settings s;
+    s.command = Command::Scan;
+    s.operands = {GetParam()};
+    EXPECT_TRUE(
+        is_usage_error(plcpoll::parse_scan_stations(s),
+                       "invalid stations '" + GetParam() + "' (unit identifiers 1..247 and ranges, e.g. 1-10,17)"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Lists, PlcpollBadScanStations,
+                         ::testing::Values("0", "248", "1-248", "5-3", "1,,2", "", "x", "1-", "-3", "2-3-4", "1.5"));
+
+TEST(PlcpollScanStations, TakeOneList)
+{
+    Settings s;
+    s.command = Command::Scan;
+    s.operands = {"1", "2"};
+    EXPECT_TRUE(
+        is_usage_error(plcpoll::parse_scan_stations(s), "scan takes one list of STATIONS, e.g. 1-10,17 (see --help)"));
+}
 
 TEST(PlcpollHostConfig, OneEndpointWithTheSettingsTimes)
 {
@@ -218,6 +350,26 @@ protected:
         return "127.0.0.1:" + std::to_string(s.port);
     }
 
+    // Runs the write `w` and expects its report to start with `report`.
+    void expect_write(Settings w, const std::string &report)
+    {
+        w.command = Command::Write;
+        const plcpoll::Exit exit = plcpoll::run_command(w, {}, c_.console);
+        ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
+        EXPECT_EQ(c_.out.str().rfind(report, 0), 0u) << c_.out.str();
+    }
+
+    // The tags of one pass over the tag lines, as JSON.
+    Json pass_tags(const std::vector<std::string> &lines)
+    {
+        CapturedConsole poll;
+        Settings p = settings();
+        p.once = true;
+        p.json = true;
+        EXPECT_EQ(plcpoll::run_command(p, tags(lines), poll.console).status, ExitStatus::Ok);
+        return json_lines(poll.out.str()).at(0)["tags"];
+    }
+
     // Holding registers 10..12 (kind 4), input register 0x8004 (kind 2) and
     // coils 0xA000..0xA003 (kind 1), with the values the fill gives them.
     const std::vector<std::string> kTagLines = {"w,4,10,1,3", "ir,2,4,1,1", "c,1,0.0,1,4"};
@@ -300,8 +452,9 @@ TEST_F(PlcpollAgainstPlcsim, OnATerminalTheTableIsRedrawn)
     ASSERT_EQ(plcpoll::run_command(s, tags(kTagLines), terminal).status, ExitStatus::Ok);
     const std::string out = c_.out.str();
     EXPECT_EQ(out.rfind("\x1b[H\x1b[2J", 0), 0u);
-    EXPECT_NE(out.find("ir                  2 input register     4          1  32772 (0x8004)"), std::string::npos)
-        << out;
+    EXPECT_NE(out.find("STN  TREND        VALUE"), std::string::npos) << out;
+    EXPECT_NE(out.find("ir                  2 input register     4          1  "), std::string::npos) << out;
+    EXPECT_NE(out.find(" 32772 (0x8004)\n"), std::string::npos) << out;
     EXPECT_NE(out.find("\nCtrl-C to stop\nstatistics: "), std::string::npos) << out;
 }
 
@@ -339,22 +492,10 @@ TEST_F(PlcpollAgainstPlcsim, WriteReadsBackAndAPollSeesTheValues)
 {
     Settings s = settings();
     s.operands = {"4", "20", "1234", "0xBEEF"};
-    s.command = Command::Write;
     s.station = 3;
-    const plcpoll::Exit exit = plcpoll::run_command(s, {}, c_.console);
-    ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
-    EXPECT_EQ(c_.out.str().rfind("write kind 4 (word (class 4)) address 20 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> "
-                                 "ok\nread back: 1234 (0x04D2), 48879 (0xBEEF)\nstatistics: ",
-                                 0),
-              0u)
-        << c_.out.str();
-
-    CapturedConsole poll;
-    Settings p = settings();
-    p.once = true;
-    p.json = true;
-    ASSERT_EQ(plcpoll::run_command(p, tags({"w,4,20,3,2", "other,4,20,1,2"}), poll.console).status, ExitStatus::Ok);
-    EXPECT_EQ(values_by_name(json_lines(poll.out.str()).at(0)["tags"]),
+    expect_write(s, "write kind 4 (word (class 4)) address 20 station 3: 1234 (0x04D2), 48879 (0xBEEF) -> ok\n"
+                    "read back: 1234 (0x04D2), 48879 (0xBEEF)\nstatistics: ");
+    EXPECT_EQ(values_by_name(pass_tags({"w,4,20,3,2", "other,4,20,1,2"})),
               (Json{{"w", {1234, 0xBEEF}}, {"other", {20, 21}}}));
 }
 
@@ -418,6 +559,92 @@ TEST(PlcpollCommands, APlcThatRefusesTheConnection)
     EXPECT_EQ(write.status, ExitStatus::Failed);
     EXPECT_EQ(write.message, refused);
     EXPECT_EQ(c.out.str(), "");
+}
+
+} // namespace
+
+namespace {
+
+class PlcpollScan : public PlcpollAgainstPlcsim, public ::testing::WithParamInterface<plchost::LinkMode> {};
+
+TEST_P(PlcpollScan, ListsExactlyTheStationsPlcsimServes)
+{
+    Settings s = settings(GetParam());
+    s.command = Command::Scan;
+    s.operands = {"1-6"};
+    s.json = true;
+    // Each silent station (on the remote frame) costs one time-out.
+    s.timeout_ms = 500;
+    const plcpoll::Exit exit = plcpoll::run_command(s, {}, c_.console);
+    ASSERT_EQ(exit.status, ExitStatus::Ok) << exit.message;
+    const auto out = json_lines(c_.out.str());
+    ASSERT_EQ(out.size(), 1u) << c_.out.str();
+    EXPECT_EQ(out[0]["present"], Json({1, 3}));
+    ASSERT_EQ(out[0]["stations"].size(), 6u);
+    // plcsim answers a unit it does not serve with exception 0x0B on Modbus
+    // TCP, and not at all on the remote frame.
+    const bool modbus = GetParam() == plchost::LinkMode::Modbus;
+    EXPECT_EQ(out[0]["stations"][1]["answer"], modbus ? "absent" : "silence") << out[0];
+    if (modbus) {
+        EXPECT_EQ(out[0]["stations"][1]["exception"], 0x0B);
+    }
+    EXPECT_EQ(out[0]["stations"][2]["answer"], "reply");
+}
+
+INSTANTIATE_TEST_SUITE_P(BothLinks, PlcpollScan,
+                         ::testing::Values(plchost::LinkMode::Modbus, plchost::LinkMode::Remote),
+                         [](const ::testing::TestParamInfo<plchost::LinkMode> &info) {
+                             return info.param == plchost::LinkMode::Modbus ? "Modbus" : "Remote";
+                         });
+
+TEST_F(PlcpollAgainstPlcsim, ScanAsLinesNamesTheStationsFound)
+{
+    Settings s = settings();
+    s.command = Command::Scan;
+    s.operands = {"2-4"};
+    ASSERT_EQ(plcpoll::run_command(s, {}, c_.console).status, ExitStatus::Ok);
+    const auto lines = lines_of(c_.out.str());
+    ASSERT_EQ(lines.size(), 3u) << c_.out.str();
+    EXPECT_EQ(lines[0].rfind("station   3  reply      round trip ", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1], "scan of " + peer(s) + " (modbus): 1 of 3 stations present: 3");
+    EXPECT_EQ(lines[2], "answers: 1 reply, 2 absent");
+}
+
+TEST_F(PlcpollAgainstPlcsim, AScanThatFindsNoStationFails)
+{
+    Settings s = settings();
+    s.command = Command::Scan;
+    s.operands = {"4-5"};
+    const plcpoll::Exit exit = plcpoll::run_command(s, {}, c_.console);
+    EXPECT_EQ(exit.status, ExitStatus::Failed);
+    EXPECT_EQ(exit.message, "no station answered at " + peer(s));
+}
+
+TEST_F(PlcpollAgainstPlcsim, ATypedWriteReadsBackBitForBit)
+{
+    Settings w = settings();
+    w.operands = {"4", "30", "3.14159", "-1.5"};
+    w.write_as.type = plctags::ValueType::Float32;
+    w.write_as.order = plctags::ByteOrder::CDAB;
+    expect_write(w, "write kind 4 (word (class 4)) address 30 station 1 as float32 CDAB: 3.14159, -1.5 -> ok\n"
+                    "read back: 3.14159, -1.5\n");
+    const Json tags_read = pass_tags({"f,4,30,1,4,float32,CDAB", "w,4,30,1,4,hex"});
+    EXPECT_EQ(tags_read[0]["values"], Json({3.14159, -1.5}));
+    EXPECT_EQ(tags_read[0]["quality"], "good");
+    EXPECT_EQ(tags_read[1]["values"], Json({"0x0FD0", "0x4049", "0x0000", "0xBFC0"}));
+}
+
+TEST_F(PlcpollAgainstPlcsim, ATagNotReadYetShowsADash)
+{
+    Settings s = settings();
+    s.interval_ms = 100;
+    s.timeout_ms = 2000;
+    c_.interrupted = true;
+    // Station 2 is not served: its replies are exceptions, so nothing is read.
+    ASSERT_EQ(plcpoll::run_command(s, tags({"w,4,10,1,1", "none,4,10,2,1"}), c_.console).status, ExitStatus::Ok);
+    const auto lines = lines_of(c_.out.str());
+    ASSERT_GE(lines.size(), 2u) << c_.out.str();
+    EXPECT_EQ(untimed(lines[1]), "none             kind 4  10       stn 2   = -");
 }
 
 } // namespace

@@ -26,7 +26,9 @@ std::string describe(const Settings &s)
     o << "\nhost " << s.host << "\nport " << s.port << "\nlink " << int(s.link) << "\ntimeout " << s.timeout_ms
       << "\nretries " << s.retries << "\ninterval " << s.interval_ms << "\nonce " << s.once << "\nduration "
       << (s.duration_s ? std::to_string(*s.duration_s) : "none") << "\njson " << s.json << "\ntrace " << s.trace
-      << "\ndebug-log " << s.debug_log << "\nstation " << s.station << "\ntags";
+      << "\ndebug-log " << s.debug_log << "\ntrend " << s.trend << "\nstation " << s.station << "\nwrite as "
+      << plctags::type_name(s.write_as.type) << " " << plctags::order_name(s.write_as.order) << " " << s.write_as.scale
+      << " " << s.write_as.offset << "\ntags";
     for (const auto &t : s.tag_sources)
         o << (t.from == TagSource::From::File ? " file:" : " line:") << t.text;
     return o.str() + "\n";
@@ -136,6 +138,7 @@ INSTANTIATE_TEST_SUITE_P(EveryOption, PlcpollFlagOption,
                                            FlagOption{"--json", [](Settings &s) { s.json = true; }},
                                            FlagOption{"--trace", [](Settings &s) { s.trace = true; }},
                                            FlagOption{"--debug-log", [](Settings &s) { s.debug_log = true; }},
+                                           FlagOption{"--no-trend", [](Settings &s) { s.trend = false; }},
                                            FlagOption{"--help", [](Settings &s) { s.command = Command::Help; }},
                                            FlagOption{"-h", [](Settings &s) { s.command = Command::Help; }}));
 
@@ -165,74 +168,96 @@ TEST_P(PlcpollCommandLine, ReadsAsExpected)
     EXPECT_EQ(describe(parsed(GetParam().args)), describe(want)) << args_text(GetParam().args);
 }
 
-INSTANTIATE_TEST_SUITE_P(CommandsAndOrder, PlcpollCommandLine,
-                         ::testing::Values(
-                             // The write command and its arguments, options before, between and after them.
-                             CommandLine{{"write", "4", "10", "1234"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"4", "10", "1234"};
-                                         }},
-                             CommandLine{{"--json", "write", "4", "0", "-1", "--station", "3", "-32768"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.json = true;
-                                             s.station = 3;
-                                             s.operands = {"4", "0", "-1", "-32768"};
-                                         }},
-                             CommandLine{{"write", "4", "0", "--station=2", "5"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.station = 2;
-                                             s.operands = {"4", "0", "5"};
-                                         }},
-                             // After "--" every argument is the command's, options too.
-                             CommandLine{{"write", "--", "4", "0", "--station"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"4", "0", "--station"};
-                                         }},
-                             CommandLine{{"--"}, [](Settings &) {}},
-                             // A second command word is an argument of the first.
-                             CommandLine{{"write", "write"},
-                                         [](Settings &s) {
-                                             s.command = Command::Write;
-                                             s.operands = {"write"};
-                                         }},
-                             // A unique beginning of an option's name stands for the option.
-                             CommandLine{{"--stat", "9", "--ret=1"},
-                                         [](Settings &s) {
-                                             s.station = 9;
-                                             s.retries = 1;
-                                         }},
-                             // The port follows the link unless given, wherever it stands.
-                             CommandLine{{"--port", "1600", "--link", "remote"},
-                                         [](Settings &s) {
-                                             s.port = 1600;
-                                             s.link = plchost::LinkMode::Remote;
-                                         }},
-                             CommandLine{{"--link", "remote", "--port", "1502"},
-                                         [](Settings &s) {
-                                             s.port = 1502;
-                                             s.link = plchost::LinkMode::Remote;
-                                         }},
-                             // Tags keep the order of the command line; a later value wins.
-                             CommandLine{{"--tag", "a,4,0,1,1", "--tags", "f.csv", "--tag", "b,4,1,1,1", "--port", "1",
-                                          "--port", "2"},
-                                         [](Settings &s) {
-                                             s.port = 2;
-                                             s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"},
-                                                              {TagSource::From::File, "f.csv"},
-                                                              {TagSource::From::Line, "b,4,1,1,1"}};
-                                         }},
-                             // A value of an option may look like an option.
-                             CommandLine{{"--host", "--once"}, [](Settings &s) { s.host = "--once"; }},
-                             // --help ends the reading: what follows is not looked at.
-                             CommandLine{{"--help", "--bogus"}, [](Settings &s) { s.command = Command::Help; }},
-                             CommandLine{{"write", "4", "--help"}, [](Settings &s) {
-                                             s.command = Command::Help;
-                                             s.operands = {"4"};
-                                         }}));
+INSTANTIATE_TEST_SUITE_P(
+    CommandsAndOrder, PlcpollCommandLine,
+    ::testing::Values(
+        // The write command and its arguments, options before, between and after them.
+        CommandLine{{"write", "4", "10", "1234"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"4", "10", "1234"};
+                    }},
+        CommandLine{{"--json", "write", "4", "0", "-1", "--station", "3", "-32768"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.json = true;
+                        s.station = 3;
+                        s.operands = {"4", "0", "-1", "-32768"};
+                    }},
+        CommandLine{{"write", "4", "0", "--station=2", "5"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.station = 2;
+                        s.operands = {"4", "0", "5"};
+                    }},
+        // The typed write's options, in both spellings.
+        CommandLine{{"write", "4", "0", "1", "--type", "float32", "--order=DCBA", "--scale", "0.1", "--offset=-40"},
+                    writes({"4", "0", "1"},
+                           [](Settings &s) {
+                               s.write_as.type = plctags::ValueType::Float32;
+                               s.write_as.order = plctags::ByteOrder::DCBA;
+                               s.write_as.scale = 0.1;
+                               s.write_as.offset = -40;
+                           })},
+        // After "--" every argument is the command's, options too.
+        CommandLine{{"write", "--", "4", "0", "--station"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"4", "0", "--station"};
+                    }},
+        CommandLine{{"--"}, [](Settings &) {}},
+        // The scan waits less for each reply unless --timeout says otherwise.
+        CommandLine{{"scan"},
+                    [](Settings &s) {
+                        s.command = Command::Scan;
+                        s.timeout_ms = 200;
+                    }},
+        CommandLine{{"scan", "1-10", "--timeout", "50"},
+                    [](Settings &s) {
+                        s.command = Command::Scan;
+                        s.operands = {"1-10"};
+                        s.timeout_ms = 50;
+                    }},
+        CommandLine{{"--timeout", "1000", "scan"}, [](Settings &s) { s.command = Command::Scan; }},
+        // A second command word is an argument of the first.
+        CommandLine{{"write", "write"},
+                    [](Settings &s) {
+                        s.command = Command::Write;
+                        s.operands = {"write"};
+                    }},
+        // A unique beginning of an option's name stands for the option.
+        CommandLine{{"--stat", "9", "--ret=1"},
+                    [](Settings &s) {
+                        s.station = 9;
+                        s.retries = 1;
+                    }},
+        // The port follows the link unless given, wherever it stands.
+        CommandLine{{"--port", "1600", "--link", "remote"},
+                    [](Settings &s) {
+                        s.port = 1600;
+                        s.link = plchost::LinkMode::Remote;
+                    }},
+        CommandLine{{"--link", "remote", "--port", "1502"},
+                    [](Settings &s) {
+                        s.port = 1502;
+                        s.link = plchost::LinkMode::Remote;
+                    }},
+        // Tags keep the order of the command line; a later value wins.
+        CommandLine{{"--tag", "a,4,0,1,1", "--tags", "f.csv", "--tag", "b,4,1,1,1", "--port", "1", "--port", "2"},
+                    [](Settings &s) {
+                        s.port = 2;
+                        s.tag_sources = {{TagSource::From::Line, "a,4,0,1,1"},
+                                         {TagSource::From::File, "f.csv"},
+                                         {TagSource::From::Line, "b,4,1,1,1"}};
+                    }},
+        // A value of an option may look like an option.
+        CommandLine{{"--host", "--once"}, [](Settings &s) { s.host = "--once"; }},
+        // --help ends the reading: what follows is not looked at.
+        CommandLine{{"--help", "--bogus"}, [](Settings &s) { s.command = Command::Help; }},
+        CommandLine{{"write", "4", "--help"}, [](Settings &s) {
+                        s.command = Command::Help;
+                        s.operands = {"4"};
+                    }}));
 
 // A command line that is refused, and the one line that says why.
 struct UsageError {
@@ -278,6 +303,19 @@ INSTANTIATE_TEST_SUITE_P(
                       UsageError{{"--duration", "1e8"}, "invalid value '1e8' for --duration (seconds)"},
                       UsageError{{"--duration", "nan"}, "invalid value 'nan' for --duration (seconds)"},
                       UsageError{{"--duration", "2s"}, "invalid value '2s' for --duration (seconds)"},
+                      UsageError{{"--type", "float"},
+                                 "invalid value 'float' for --type (raw int16 uint16 int32 uint32 int64 uint64 float32 "
+                                 "float64 hex bits ascii)"},
+                      UsageError{{"--order", "abcd"}, "invalid value 'abcd' for --order (ABCD CDAB BADC DCBA)"},
+                      UsageError{{"--scale", "x"}, "invalid value 'x' for --scale (a decimal number)"},
+                      UsageError{{"--offset", "0x10"}, "invalid value '0x10' for --offset (a decimal number)"},
+                      UsageError{{"--no-trend=1"}, "option --no-trend takes no value (see --help)"},
+                      UsageError{{"--type", "float32", "--tag", "a,4,0,1,2"},
+                                 "--type, --order, --scale and --offset are options of write; a tag gives its type in "
+                                 "its own fields (see --help)"},
+                      UsageError{{"scan", "--scale", "2"},
+                                 "--type, --order, --scale and --offset are options of write; a tag gives its type in "
+                                 "its own fields (see --help)"},
                       UsageError{{"poll"}, "unexpected argument 'poll' (see --help)"},
                       UsageError{{"--", "x"}, "unexpected argument 'x' (see --help)"},
                       UsageError{{"-5"}, "unknown option '-5' (see --help)"}));

@@ -446,6 +446,19 @@ INSTANTIATE_TEST_SUITE_P(
         Unwritable{T::Bits, 1, 1, {"0102"}, "invalid value '0102' for bits (up to 16 binary digits)"},
         Unwritable{T::Ascii, 2, 1, {"a", "b"}, "ascii takes one VALUE, the text (quote a text with blanks)"}));
 
+TEST(TagsCodec, AScaledFloat32PastTheLargestFloatIsRefused)
+{
+    Tag tag = typed(kWord, 2, T::Float32);
+    tag.scale = 0.5;
+    // 1.7014117e38 / 0.5 is just below the largest float plus half its last
+    // place, and rounds to the largest float; twice as much is out of range.
+    const auto largest = plctags::encode(tag, {"1.7014117e38"});
+    ASSERT_TRUE(largest.ok()) << largest.why();
+    EXPECT_EQ(largest.value(), (std::vector<uint64_t>{0x7F7F, 0xFFFF}));
+    EXPECT_FALSE(plctags::encode(tag, {"3.4e38"}).ok());
+    EXPECT_FALSE(plctags::encode(tag, {"-3.4e38"}).ok());
+}
+
 TEST(TagsCodec, ValuesThatDoNotFillWholeValuesOfTheKindAreRefused)
 {
     const auto r = plctags::encode(typed(kDword, 2, T::Int16), {"1"});

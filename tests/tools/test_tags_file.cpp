@@ -169,6 +169,15 @@ TEST(TagsTagFile, TheExampleFileHasATagOfEveryKind)
     EXPECT_EQ(*kinds.rbegin(), 14);
 }
 
+TEST(TagsTagFile, TheTypedExampleFileReads)
+{
+    const auto r = plctags::read_tag_file(std::string(PLCDRIVER_SOURCE_DIR) + "/tools/plcpoll/example-typed-tags.csv");
+    ASSERT_TRUE(r.ok()) << r.why();
+    ASSERT_EQ(r.value().size(), 7u);
+    EXPECT_EQ(describe_type(r.value()[0]), "float32|CDAB|1|0|l/s");
+    EXPECT_EQ(describe_type(r.value()[1]), "int16|ABCD|0.1|0|°C");
+}
+
 TEST(TagsKinds, WritableKindsAreListedInOrder)
 {
     EXPECT_EQ(plctags::writable_kinds_text(), "1 3 4 5 7 8 10 11 13 14");

@@ -1,8 +1,6 @@
 #include "commands.h"
 
-#include "text.h"
-
-#include <QtGlobal>
+#include "session.h"
 
 #include <algorithm>
 #include <chrono>
@@ -17,16 +15,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// The source types the write and its read back are known by in the driver's
-// write-done callbacks.
-constexpr int kWriteSource = 1;
-constexpr int kReadBackSource = 2;
-// The write-done callback's result of a request that was answered.
-constexpr int kWriteDoneOk = 1;
-// DataCom's return codes of a good reply for a local-area and a remote-area
-// variable (docs/integrating.md, return codes).
-constexpr int kGoodLocalReply = 1, kGoodRemoteReply = 100;
-
 // The live table is not redrawn more often than this.
 constexpr milliseconds kShortestRefresh{100};
 // A connection attempt waits as long as a reply, but not less than this.
@@ -35,67 +23,11 @@ constexpr milliseconds kShortestConnect{200};
 constexpr milliseconds kPassCheck{5};
 constexpr milliseconds kRefreshCheck{10};
 
-std::string peer(const Settings &s)
-{
-    return s.host + ":" + std::to_string(s.port);
-}
-
-View view_of(const Settings &s, const Console &console)
-{
-    if (s.json)
-        return View::Json;
-    return console.terminal ? View::Table : View::Lines;
-}
-
-// A request may use all its tries before it is given up; twice that, and a
-// second for the set-up, is how long the write and its read back may take.
-milliseconds completion_wait(const Settings &s)
-{
-    return milliseconds(int64_t(s.timeout_ms) * (s.retries + 1) * 2 + 1000);
-}
-
 // A single pass may take every try of every tag's request, and one more, plus
 // two seconds for the connection and the first exchange.
 milliseconds pass_wait(const Settings &s, size_t tags)
 {
     return milliseconds(int64_t(s.timeout_ms) * (s.retries + 2) * int64_t(tags + 1) + 2000);
-}
-
-void install_debug_log(plchost::Host &host)
-{
-    host.set_reply_hook([](const plchost::ReplyEvent &e) {
-        if (e.status != kGoodLocalReply && e.status != kGoodRemoteReply)
-            qWarning("request to station %d (kind %d, address %d, count %d) failed: code %d, %d bytes%s", e.station,
-                     e.reg_kind, e.start_addr, e.count, e.status, e.bytes, e.timed_out ? ", no reply" : "");
-    });
-    host.set_write_done_hook([](int, int source_type, int source_id, int result) {
-        qInfo("request %d/%d finished: %s", source_type, source_id,
-              result == kWriteDoneOk ? "ok" : "communication failed");
-    });
-    host.set_read_done_hook([](int source_type, int) { qWarning("request of type %d given up", source_type); });
-}
-
-void install_hooks(plchost::Host &host, const Settings &s, const Console &console)
-{
-    if (s.trace) {
-        // Only the communication thread calls the hook, so lines do not mix.
-        std::ostream *err = &console.err;
-        host.set_trace_hook([err](plchost::FrameDirection direction, int, const uint8_t *data, size_t size) {
-            *err << render_frame(direction, data, size) << std::flush;
-        });
-    }
-    if (s.debug_log)
-        install_debug_log(host);
-}
-
-// A started host for the settings, or why it could not connect.
-std::optional<Exit> start_host(plchost::Host &host, const Settings &s, const Console &console)
-{
-    install_hooks(host, s, console);
-    std::string error;
-    if (!host.start(true, &error))
-        return failure(error);
-    return std::nullopt;
 }
 
 // When a poll started and when it is to end: at an interrupt, or once its
@@ -140,11 +72,13 @@ struct Poll {
         now.link = settings.link;
         now.elapsed_s = timer.elapsed_s();
         now.connected = host.connected(0);
+        now.trends = settings.trend;
         now.stats = host.stats();
         for (const PollTag &tag : tags) {
-            std::vector<uint8_t> bytes;
-            host.read(tag.plc, &bytes);
-            now.tags.push_back({tag, plchost::decode_values(tag.plc.kind, tag.plc.count, bytes)});
+            plchost::Reading reading;
+            host.read(tag.plc, &reading);
+            const auto values = plchost::decode_values(tag.plc.kind, tag.plc.count, reading.bytes);
+            now.tags.push_back({tag, reading.quality, plctags::decode(tag, values), {}});
         }
         return now;
     }
@@ -191,6 +125,7 @@ Exit poll_until_stopped(const Poll &poll)
     auto next = Clock::now();
     do {
         Snapshot now = poll.snapshot();
+        carry_trends(&now, before ? &*before : nullptr);
         poll.show(render_refresh(view, now, before ? &*before : nullptr));
         before = std::move(now);
         next += refresh;
@@ -212,97 +147,14 @@ Exit run_poll(const Settings &s, const std::vector<PollTag> &tags, const Console
     for (const PollTag &tag : tags)
         plc_tags.push_back(tag.plc);
     host.set_tags(plc_tags);
-    if (const auto error = start_host(host, s, console))
+    install_hooks(host, s, console);
+    if (const auto error = start_host(host))
         return *error;
     const Poll poll{host, s, tags, console, PollTimer(s, console.interrupted)};
     return s.once ? poll_once(poll) : poll_until_stopped(poll);
 }
 
-std::optional<Exit> parse_write_values(const Settings &s, WriteRequest *request)
-{
-    const int kind = request->target.kind;
-    const int bits = plchost::value_bits(kind);
-    for (size_t i = 2; i < s.operands.size(); ++i) {
-        const auto v = plctags::parse_value(s.operands[i], bits);
-        if (!v)
-            return usage_error("invalid value '" + s.operands[i] + "' for kind " + std::to_string(kind) + " (" +
-                               std::to_string(bits) + "-bit)");
-        request->values.push_back(*v);
-    }
-    return std::nullopt;
-}
-
-// The tag's registers read once more after the write.
-void read_back(plchost::Host &host, const Settings &s, WriteReport *report)
-{
-    int id = 0;
-    report->read_back = WriteReport::ReadBack::Failed;
-    if (!host.read_once(report->target, kReadBackSource, &id) ||
-        host.wait_done(kReadBackSource, id, completion_wait(s)) != plchost::DoneResult::Ok)
-        return;
-    std::vector<uint8_t> bytes;
-    host.read(report->target, &bytes);
-    report->read_values = plchost::decode_values(report->target.kind, report->target.count, bytes);
-    report->read_back = WriteReport::ReadBack::Read;
-}
-
-Exit write_exit(const WriteReport &report, const Settings &s)
-{
-    if (report.result != plchost::DoneResult::Ok)
-        return failure("write to " + peer(s) + " failed");
-    // A read back that failed or differs has been shown; the status says so.
-    if (report.read_back != WriteReport::ReadBack::Read || report.read_values != report.values)
-        return failure();
-    return {};
-}
-
-Exit run_write(const Settings &s, const Console &console)
-{
-    const auto request = parse_write_request(s);
-    if (!request.ok())
-        return request.exit();
-    std::vector<uint8_t> data;
-    WriteReport report;
-    report.target = request.value().target;
-    report.values = request.value().values;
-    plchost::encode_values(report.target.kind, report.values, &data, &report.target.count);
-    plchost::Host host(host_config(s));
-    if (const auto error = start_host(host, s, console))
-        return *error;
-    int id = 0;
-    if (host.write(report.target, data, kWriteSource, &id) == 0)
-        return usage_error("the driver refused the write");
-    report.result = host.wait_done(kWriteSource, id, completion_wait(s));
-    if (report.result == plchost::DoneResult::Ok)
-        read_back(host, s, &report);
-    host.stop();
-    report.stats = host.stats();
-    console.out << render_write(s.json ? View::Json : View::Lines, report) << std::flush;
-    return write_exit(report, s);
-}
-
 } // namespace
-
-Result<WriteRequest> parse_write_request(const Settings &s)
-{
-    if (s.operands.size() < 3)
-        return usage_error("write needs KIND ADDRESS VALUE... (see --help)");
-    WriteRequest request;
-    plchost::Tag &t = request.target;
-    t.name = "write";
-    t.address = s.operands[1];
-    t.station = s.station;
-    if (const auto why = plctags::parse_kind(s.operands[0], &t.kind))
-        return usage_error(*why);
-    if (!plchost::kind_writable(t.kind))
-        return usage_error("kind " + std::to_string(t.kind) + " (" + plchost::kind_name(t.kind) +
-                           ") is read-only; writable kinds are " + plctags::writable_kinds_text());
-    if (const auto why = plctags::check_address(t.kind, t.address))
-        return usage_error(*why);
-    if (const auto error = parse_write_values(s, &request))
-        return *error;
-    return request;
-}
 
 plchost::HostConfig host_config(const Settings &s)
 {
@@ -324,6 +176,7 @@ Exit run_command(const Settings &settings, const std::vector<PollTag> &tags, con
     switch (settings.command) {
     case Command::Help: console.out << usage_text(); return {};
     case Command::Write: return run_write(settings, console);
+    case Command::Scan: return run_scan(settings, console);
     case Command::Poll: break;
     }
     return run_poll(settings, tags, console);

@@ -13,15 +13,17 @@ namespace {
 
 const char *const kUsage =
     R"(usage: plcpoll [OPTIONS]                        poll tags cyclically
-       plcpoll [OPTIONS] write KIND ADDRESS VALUE... [--station N]
+       plcpoll [OPTIONS] write KIND ADDRESS VALUE... [--station N] [--type T ...]
+       plcpoll [OPTIONS] scan [STATIONS]               find the stations that answer
 
 Reads PLC tags through the plcdriver library and shows their values: a table
 refreshed in place on a terminal, plain lines otherwise, or JSON.
 
 Tags:
-  --tag NAME,KIND,ADDRESS,STATION,COUNT   a tag (repeatable)
-  --tags FILE          CSV file of tags: name,kind,address,station,count per
-                       line; '#' starts a comment; a header line is allowed
+  --tag NAME,KIND,ADDRESS,STATION,COUNT[,TYPE,ORDER,SCALE,OFFSET,UNIT]
+                       a tag (repeatable)
+  --tags FILE          CSV file of tags, one per line in the columns of --tag;
+                       '#' starts a comment; a header line is allowed
 Kinds (COUNT in the unit of the kind):
   0 discrete input  1 coil  (bits; ADDRESS is BYTE.BIT)
   2 input register  3 holding register  4 word          (16-bit words)
@@ -29,12 +31,20 @@ Kinds (COUNT in the unit of the kind):
   6 7 8 byte in class 2 3 4 (bytes)
   9 10 11 32-bit value in class 2 3 4 (COUNT in words: 2 per value)
   12 13 14 64-bit value in class 2 3 4 (COUNT in words: 4 per value)
+Types (TYPE; default raw, the kind's own unsigned values):
+  int16 uint16 (1 register)  int32 uint32 float32 (2)  int64 uint64 float64 (4)
+  hex bits (each register or byte as digits)  ascii (the tag's bytes as text)
+  Types need register kinds (2 3 4 9..14); byte kinds take hex bits ascii.
+ORDER of a value wider than one register, A the most significant byte:
+  ABCD (default: big-endian words, most PLCs)  CDAB (word swap)
+  BADC (byte swap)  DCBA (both); ascii takes ABCD or BADC.
+SCALE and OFFSET (numeric types): shown = raw x SCALE + OFFSET. UNIT: a text.
 
 Connection:
   --host HOST          PLC address (default 127.0.0.1)
   --port PORT          TCP port (default 1502 for modbus, 1503 for remote)
   --link modbus|remote Modbus TCP or the driver's remote frame (default modbus)
-  --timeout MS         reply timeout per request (default 1000)
+  --timeout MS         reply timeout per request (default 1000; scan: 200)
   --retries N          failed replies tolerated per request (default 3)
 
 Polling and output:
@@ -42,30 +52,51 @@ Polling and output:
   --once               one full pass, show it, exit
   --duration SECONDS   poll for this long, then exit (default: until Ctrl-C)
   --json               machine-readable output (one JSON object per refresh)
+  --no-trend           no trend column in the live table
   --trace              hex dump of every frame sent and received (on stderr)
   --debug-log          install the driver's log handler (/tmp/debug.log) and
                        log the tool's events there
-  --station N          station of the write command (default 1)
   --help               this text
+A value not read yet, or of a station that failed, shows as - (JSON: null,
+with "quality" good, not_read or failing). At the end plcpoll shows the link
+statistics, per station too; frame loss is the share of exchanges that
+brought no good reply (time-outs and refused replies).
 
-Write: KIND is a writable kind (1 3 4 5 7 8 10 11 13 14), VALUE... one number
-per value (decimal, or hex with 0x); the value is read back afterwards.
+Write: KIND is a writable kind (1 3 4 5 7 8 10 11 13 14), VALUE... one value
+each (decimal, or hex with 0x; for --type ascii one text); the registers are
+read back afterwards.
+  --station N          station of the write (default 1)
+  --type T  --order O  --scale S  --offset O
+                       write typed values: out of the type's range is refused
+                       before anything is sent
 The driver writes kinds 10 and 13 at the doubled (quadrupled) address without
 the class-3 offset 0xA000 that its reads of them add, so their read back shows
 the class-3 registers, not the ones written (exit status 1).
 On the remote frame the driver rejects replies under 8 bytes; plcpoll reads at
 least 3 data bytes there and shows only the units asked for.
 
+Scan: probes each station of STATIONS (default 1-247; e.g. 1-10,17) once with
+a read of holding register 0 (kind 4), no retry, and lists those that answer:
+a reply, or a Modbus exception of their own. A gateway's exception 0x0A or
+0x0B (no device at that unit) and silence count as absent. On the remote
+frame a station answers or stays silent.
+
+Exit status: 0 done, 1 the PLC did not answer as asked, 2 a usage error.
+
 Examples:
   plcpoll --tags tools/plcpoll/example-tags.csv
   plcpoll --tag ramp,2,4,1,1 --tag onehot,0,0.0,1,8 --once --json
+  plcpoll --tag flow,4,10,1,2,float32,CDAB,,,l/s --tag temp,2,4,1,1,int16,,0.1,,C
   plcpoll --link remote --port 1503 --tags tags.csv --duration 5
   plcpoll write 4 100 1234 --station 1
+  plcpoll write 4 10 3.14159 --type float32 --order CDAB
   plcpoll write 1 0.3 1 0 1
+  plcpoll scan 1-20
 )";
 
-// Settings::port while no --port has been read.
+// Settings::port and timeout_ms while no --port or --timeout has been read.
 constexpr int kPortNotGiven = 0;
+constexpr int kTimeoutNotGiven = 0;
 
 // An option's effect on the settings. On a value it cannot take it returns
 // what it accepts, for the message "invalid value 'V' for --NAME (ACCEPTS)".
@@ -81,9 +112,10 @@ std::optional<std::string> set_integer(const std::string &value, Settings *s)
     return std::nullopt;
 }
 
-template <bool Settings::*Field> std::optional<std::string> set_flag(const std::string &, Settings *s)
+template <bool Settings::*Field, bool Value = true>
+std::optional<std::string> set_flag(const std::string &, Settings *s)
 {
-    s->*Field = true;
+    s->*Field = Value;
     return std::nullopt;
 }
 
@@ -112,6 +144,19 @@ std::optional<std::string> set_duration(const std::string &value, Settings *s)
     if (!s->duration_s)
         return "seconds";
     return std::nullopt;
+}
+
+// --type, --order, --scale, --offset: read by the tags library's field
+// readers, which say what they accept.
+template <std::optional<std::string> (*Read)(const std::string &, plctags::Tag *)>
+std::optional<std::string> set_write_as(const std::string &value, Settings *s)
+{
+    auto why = Read(value, &s->write_as);
+    if (!why)
+        return std::nullopt;
+    // "invalid type 'x' (raw int16 ...)": the accepted part.
+    const auto open = why->find(" (");
+    return open == std::string::npos ? *why : why->substr(open + 2, why->size() - open - 3);
 }
 
 template <TagSource::From From> std::optional<std::string> add_tag_source(const std::string &value, Settings *s)
@@ -148,6 +193,11 @@ const OptionRule kOptions[] = {
     {"trace", false, set_flag<&Settings::trace>},
     {"debug-log", false, set_flag<&Settings::debug_log>},
     {"station", true, set_integer<&Settings::station, 0, 255>},
+    {"type", true, set_write_as<plctags::parse_type>},
+    {"order", true, set_write_as<plctags::parse_order>},
+    {"scale", true, set_write_as<plctags::parse_scale>},
+    {"offset", true, set_write_as<plctags::parse_offset>},
+    {"no-trend", false, set_flag<&Settings::trend, false>},
     {"help", false, ask_for_help, 'h'},
 };
 constexpr int kOptionCount = int(sizeof kOptions / sizeof kOptions[0]);
@@ -196,6 +246,7 @@ struct CommandWord {
 
 const CommandWord kCommandWords[] = {
     {"write", Command::Write, true},
+    {"scan", Command::Scan, true},
 };
 
 const CommandWord *command_word(const std::string &word)
@@ -204,6 +255,16 @@ const CommandWord *command_word(const std::string &word)
         if (word == c.word)
             return &c;
     return nullptr;
+}
+
+// Typed-write options given to a command that does not write: the user
+// likely meant them for the tags, which they do not change.
+bool typed_outside_write(const Settings &s)
+{
+    const PollTag untyped;
+    const bool typed = s.write_as.type != untyped.type || s.write_as.order != untyped.order ||
+                       s.write_as.scale != untyped.scale || s.write_as.offset != untyped.offset;
+    return typed && (s.command == Command::Poll || s.command == Command::Scan);
 }
 
 bool is_negative_number(const char *arg)
@@ -245,6 +306,7 @@ ArgumentReader::ArgumentReader(const std::vector<std::string> &args) : storage_{
 Result<Settings> ArgumentReader::read()
 {
     settings_.port = kPortNotGiven;
+    settings_.timeout_ms = kTimeoutNotGiven;
     optind = 0; // starts getopt afresh, also inside a cluster of short options
     opterr = 0; // the messages are plcpoll's own
     while (settings_.command != Command::Help) {
@@ -261,6 +323,11 @@ Result<Settings> ArgumentReader::read()
     }
     if (settings_.port == kPortNotGiven)
         settings_.port = settings_.link == plchost::LinkMode::Modbus ? kModbusPort : kRemotePort;
+    if (settings_.timeout_ms == kTimeoutNotGiven)
+        settings_.timeout_ms = settings_.command == Command::Scan ? kScanTimeoutMs : kTimeoutMs;
+    if (typed_outside_write(settings_))
+        return usage_error("--type, --order, --scale and --offset are options of write; a tag gives its type in its "
+                           "own fields (see --help)");
     return settings_;
 }
 

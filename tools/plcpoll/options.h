@@ -15,21 +15,25 @@ namespace plcpoll {
 
 // What a run does. Polling is the default; the others are named by a word on
 // the command line, or by --help.
-enum class Command { Poll, Write, Help };
+enum class Command { Poll, Write, Scan, Help };
 
 // Ports of the two link modes when --port is not given.
 constexpr int kModbusPort = 1502;
 constexpr int kRemotePort = 1503;
+// Reply time-outs when --timeout is not given: a scan waits less, since most
+// of the stations it probes may never answer.
+constexpr int kTimeoutMs = 1000;
+constexpr int kScanTimeoutMs = 200;
 
 struct Settings {
     Command command = Command::Poll;
-    std::vector<std::string> operands; // the command's arguments (write: KIND ADDRESS VALUE...)
+    std::vector<std::string> operands; // the command's arguments (write: KIND ADDRESS VALUE...; scan: [STATIONS])
 
     std::string host = "127.0.0.1";
     int port = kModbusPort; // the link's port unless --port is given
     plchost::LinkMode link = plchost::LinkMode::Modbus;
-    int timeout_ms = 1000; // per request
-    int retries = 3;       // failed replies tolerated per request
+    int timeout_ms = kTimeoutMs; // per request (the scan's own unless --timeout is given)
+    int retries = 3;             // failed replies tolerated per request
 
     int interval_ms = 500; // pause after each pass, and the refresh period
     bool once = false;
@@ -37,7 +41,11 @@ struct Settings {
     bool json = false;
     bool trace = false;
     bool debug_log = false;
-    int station = 1; // of the write command
+    bool trend = true; // the live table's trend column
+    int station = 1;   // of the write command
+    // How the write command's values are typed (--type, --order, --scale,
+    // --offset); its kind and address come from the command's arguments.
+    PollTag write_as;
 
     std::vector<TagSource> tag_sources;
 };

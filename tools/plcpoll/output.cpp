@@ -1,17 +1,13 @@
 #include "output.h"
 
-#include <nlohmann/json.hpp>
+#include "render_text.h"
 
-#include <cstdarg>
-#include <cstdio>
+#include <algorithm>
+#include <cmath>
 
 namespace plcpoll {
 
 namespace {
-
-// Objects keep their keys in the order written, which is the order scripts
-// and tests have always seen.
-using Json = nlohmann::ordered_json;
 
 const char *const kClearScreen = "\x1b[H\x1b[2J";
 const char *const kBold = "\x1b[1m";
@@ -19,81 +15,110 @@ const char *const kGreen = "\x1b[32m";
 const char *const kRed = "\x1b[31m";
 const char *const kPlain = "\x1b[0m";
 
-__attribute__((format(printf, 1, 2))) std::string format(const char *pattern, ...)
+const char *quality_name(plchost::Quality quality)
 {
-    va_list args;
-    va_start(args, pattern);
-    va_list again;
-    va_copy(again, args);
-    const int length = std::vsnprintf(nullptr, 0, pattern, args);
-    va_end(args);
-    std::string text(size_t(length > 0 ? length : 0) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), pattern, again);
-    va_end(again);
-    text.pop_back();
-    return text;
+    switch (quality) {
+    case plchost::Quality::Good: return "good";
+    case plchost::Quality::Failing: return "failing";
+    case plchost::Quality::NotRead: break;
+    }
+    return "not_read";
 }
 
-unsigned long long count(uint64_t n)
+// Reals that are no JSON number (NaN, the infinities) as their text.
+Json value_json(const plctags::Value &value)
 {
-    return static_cast<unsigned long long>(n);
+    if (const double *real = std::get_if<double>(&value); real && !std::isfinite(*real))
+        return plctags::value_text(value);
+    return std::visit([](const auto &v) { return Json(v); }, value);
 }
 
-// A tag name in a file need not be UTF-8; such bytes are shown as U+FFFD
-// rather than failing the whole output.
-std::string dump(const Json &json)
+Json values_json(const std::vector<plctags::Value> &values)
 {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+    Json array = Json::array();
+    for (const plctags::Value &v : values)
+        array.push_back(value_json(v));
+    return array;
 }
 
-Json tag_json(const plchost::Tag &tag, const std::vector<uint64_t> &values)
+// Where the tag lives, and how it is typed when it is.
+Json tag_json(const PollTag &tag)
 {
-    return Json{{"name", tag.name},       {"kind", tag.kind},   {"address", tag.address},
-                {"station", tag.station}, {"count", tag.count}, {"values", values}};
+    const plchost::Tag &t = tag.plc;
+    Json json{{"name", t.name}, {"kind", t.kind}, {"address", t.address}, {"station", t.station}, {"count", t.count}};
+    if (tag.type == plctags::ValueType::Raw)
+        return json;
+    json["type"] = plctags::type_name(tag.type);
+    if (plctags::type_registers(tag.type) > 1 || tag.type == plctags::ValueType::Ascii)
+        json["order"] = plctags::order_name(tag.order);
+    if (plctags::is_scaled(tag)) {
+        json["scale"] = tag.scale;
+        json["offset"] = tag.offset;
+    }
+    if (!tag.unit.empty())
+        json["unit"] = tag.unit;
+    return json;
+}
+
+Json reading_json(const TagReading &r)
+{
+    Json json = tag_json(r.tag);
+    json["quality"] = quality_name(r.quality);
+    json["values"] = r.quality == plchost::Quality::Good ? values_json(r.values) : Json(nullptr);
+    return json;
 }
 
 Json tags_json(const Snapshot &now)
 {
     Json tags = Json::array();
     for (const TagReading &t : now.tags)
-        tags.push_back(tag_json(t.tag.plc, t.values));
+        tags.push_back(reading_json(t));
     return tags;
 }
 
-Json stats_json(const plchost::Stats &s)
-{
-    Json codes = Json::object();
-    for (const auto &code : s.codes)
-        codes[std::to_string(code.first)] = code.second;
-    return Json{{"requests", s.requests},
-                {"good_replies", s.good_replies},
-                {"failed_replies", s.failed_replies},
-                {"retries", s.retries},
-                {"give_ups", s.give_ups},
-                {"timeouts", s.timeouts},
-                {"reconnects", s.reconnects},
-                {"connect_failures", s.connect_failures},
-                {"foreign_replies", s.foreign_replies},
-                {"resyncs", s.resyncs},
-                {"stale_bytes", s.stale_bytes},
-                {"passes", s.passes},
-                {"rtt_ms", Json{{"min", s.rtt_min_ms}, {"avg", s.rtt_avg_ms}, {"max", s.rtt_max_ms}}},
-                {"codes", codes}};
-}
-
-// How a tag's values compare with the refresh before.
+// How a tag's reading compares with the refresh before.
 enum class Change { FirstSeen, Same, Changed };
 
 Change change_of(const Snapshot &now, const Snapshot *before, size_t i)
 {
     if (!before || before->tags.size() != now.tags.size())
         return Change::FirstSeen;
-    return before->tags[i].values == now.tags[i].values ? Change::Same : Change::Changed;
+    const TagReading &a = before->tags[i], &b = now.tags[i];
+    return a.quality == b.quality && a.values == b.values ? Change::Same : Change::Changed;
 }
 
 const char *link_name(plchost::LinkMode link)
 {
     return link == plchost::LinkMode::Modbus ? "modbus" : "remote";
+}
+
+// What the value column shows: the values, or "-" when there are none to
+// trust.
+std::string shown_text(const TagReading &r)
+{
+    if (r.quality != plchost::Quality::Good)
+        return "-";
+    return plctags::values_text(r.tag, r.values);
+}
+
+// The TYPE column: the kind's name for the raw view, else the value type
+// (and its order when that matters).
+std::string type_column(const PollTag &tag)
+{
+    if (tag.type == plctags::ValueType::Raw)
+        return plchost::kind_name(tag.plc.kind);
+    std::string text = plctags::type_name(tag.type);
+    if (plctags::type_registers(tag.type) > 1)
+        text += std::string(" ") + plctags::order_name(tag.order);
+    return text;
+}
+
+// The trend column, kTrendLength characters wide (a block character is one
+// column but three bytes, so printf's widths cannot pad it).
+std::string trend_column(const TagReading &r)
+{
+    const std::string line = sparkline(r.trend);
+    return line + std::string(kTrendLength - std::min(r.trend.size(), kTrendLength), ' ') + " ";
 }
 
 std::string table_heading(const Snapshot &now)
@@ -102,20 +127,25 @@ std::string table_heading(const Snapshot &now)
     return format("plcpoll  %s  %s  %s  t=%.1fs  passes %llu  good %llu  failed %llu\n\n", now.peer.c_str(),
                   link_name(now.link), state.c_str(), now.elapsed_s, count(now.stats.passes),
                   count(now.stats.good_replies), count(now.stats.failed_replies)) +
-           format("%s%-16s %4s %-18s %-8s %3s  %s%s\n", kBold, "NAME", "KIND", "TYPE", "ADDRESS", "STN", "VALUE",
-                  kPlain);
+           format("%s%-16s %4s %-18s %-8s %3s  %s%s%s\n", kBold, "NAME", "KIND", "TYPE", "ADDRESS", "STN",
+                  now.trends ? format("%-*s ", int(kTrendLength), "TREND").c_str() : "", "  VALUE", kPlain);
+}
+
+std::string table_row(const Snapshot &now, const Snapshot *before, size_t i)
+{
+    const TagReading &r = now.tags[i];
+    const plchost::Tag &t = r.tag.plc;
+    const bool changed = change_of(now, before, i) == Change::Changed;
+    return format("%-16s %4d %-18s %-8s %3d  %s%s %s%s%s\n", t.name.c_str(), t.kind, type_column(r.tag).c_str(),
+                  t.address.c_str(), t.station, now.trends ? trend_column(r).c_str() : "", changed ? "*" : " ",
+                  changed ? kGreen : "", shown_text(r).c_str(), changed ? kPlain : "");
 }
 
 std::string render_table(const Snapshot &now, const Snapshot *before)
 {
     std::string screen = kClearScreen + table_heading(now);
-    for (size_t i = 0; i < now.tags.size(); ++i) {
-        const plchost::Tag &t = now.tags[i].tag.plc;
-        const bool changed = change_of(now, before, i) == Change::Changed;
-        screen += format("%-16s %4d %-18s %-8s %3d  %s%s%s\n", t.name.c_str(), t.kind, plchost::kind_name(t.kind),
-                         t.address.c_str(), t.station, changed ? kGreen : "",
-                         render_values(t.kind, now.tags[i].values).c_str(), changed ? kPlain : "");
-    }
+    for (size_t i = 0; i < now.tags.size(); ++i)
+        screen += table_row(now, before, i);
     return screen + "\nCtrl-C to stop\n";
 }
 
@@ -127,7 +157,7 @@ std::string render_lines(const Snapshot &now, const Snapshot *before)
             continue;
         const plchost::Tag &t = now.tags[i].tag.plc;
         lines += format("%8.3fs  %-16s kind %-2d %-8s stn %-3d = %s\n", now.elapsed_s, t.name.c_str(), t.kind,
-                        t.address.c_str(), t.station, render_values(t.kind, now.tags[i].values).c_str());
+                        t.address.c_str(), t.station, shown_text(now.tags[i]).c_str());
     }
     return lines;
 }
@@ -142,21 +172,27 @@ const char *write_status(plchost::DoneResult result)
     return "failed (no completion in time)";
 }
 
+std::string written_text(const PollTag &tag, const std::vector<uint64_t> &values)
+{
+    return plctags::values_text(tag, plctags::decode(tag, values));
+}
+
 std::string read_back_text(const WriteReport &r)
 {
     if (r.read_back == WriteReport::ReadBack::Failed)
         return "read back: (read back failed)\n";
     const bool differs = r.read_values != r.values;
-    return "read back: " + render_values(r.target.kind, r.read_values) +
+    return "read back: " + written_text(r.target, r.read_values) +
            (differs ? " (differs from the value written)" : "") + "\n";
 }
 
 std::string write_text(const WriteReport &r)
 {
-    const plchost::Tag &t = r.target;
-    std::string text =
-        format("write kind %d (%s) address %s station %d: %s -> %s\n", t.kind, plchost::kind_name(t.kind),
-               t.address.c_str(), t.station, render_values(t.kind, r.values).c_str(), write_status(r.result));
+    const plchost::Tag &t = r.target.plc;
+    const std::string as = r.target.type == plctags::ValueType::Raw ? "" : " as " + type_column(r.target);
+    std::string text = format("write kind %d (%s) address %s station %d%s: %s -> %s\n", t.kind,
+                              plchost::kind_name(t.kind), t.address.c_str(), t.station, as.c_str(),
+                              written_text(r.target, r.values).c_str(), write_status(r.result));
     if (r.read_back != WriteReport::ReadBack::NotTried)
         text += read_back_text(r);
     return text + render_stats(r.stats);
@@ -165,9 +201,12 @@ std::string write_text(const WriteReport &r)
 std::string write_json(const WriteReport &r)
 {
     const bool ok = r.result == plchost::DoneResult::Ok;
-    return dump(Json{{"write", tag_json(r.target, r.values)},
+    Json written = tag_json(r.target);
+    written["values"] = values_json(plctags::decode(r.target, r.values));
+    const bool read = r.read_back == WriteReport::ReadBack::Read;
+    return dump(Json{{"write", written},
                      {"result", ok ? "ok" : "failed"},
-                     {"read_back", r.read_values},
+                     {"read_back", read ? values_json(plctags::decode(r.target, r.read_values)) : Json::array()},
                      {"stats", stats_json(r.stats)}});
 }
 
@@ -200,41 +239,6 @@ std::string render_final_stats(View view, const plchost::Stats &stats)
 std::string render_write(View view, const WriteReport &report)
 {
     return view == View::Json ? write_json(report) : write_text(report);
-}
-
-std::string render_values(int kind, const std::vector<uint64_t> &values)
-{
-    const int bits = plchost::value_bits(kind);
-    // Bytes and words also in hex, with as many digits as they have.
-    const int hex_digits = bits == 8 || bits == 16 ? bits / 4 : 0;
-    std::string text;
-    for (size_t i = 0; i < values.size(); ++i) {
-        if (i)
-            text += bits == 1 ? " " : ", ";
-        text += std::to_string(values[i]);
-        if (hex_digits)
-            text += format(" (0x%0*llX)", hex_digits, count(values[i]));
-    }
-    return text;
-}
-
-std::string render_stats(const plchost::Stats &s)
-{
-    std::string text = format("statistics: %llu requests, %llu good, %llu failed (%llu retried, %llu given up), "
-                              "%llu timeouts, %llu reconnects, %llu passes\n",
-                              count(s.requests), count(s.good_replies), count(s.failed_replies), count(s.retries),
-                              count(s.give_ups), count(s.timeouts), count(s.reconnects), count(s.passes));
-    if (s.foreign_replies || s.resyncs || s.stale_bytes)
-        text += format("unpaired: %llu replies to other requests discarded, %llu connections renewed, "
-                       "%llu stale bytes drained\n",
-                       count(s.foreign_replies), count(s.resyncs), count(s.stale_bytes));
-    text += format("round trip: min %.3f ms, avg %.3f ms, max %.3f ms\n", s.rtt_min_ms, s.rtt_avg_ms, s.rtt_max_ms);
-    if (s.codes.empty())
-        return text;
-    std::string codes;
-    for (const auto &code : s.codes)
-        codes += (codes.empty() ? "" : ", ") + std::to_string(code.first) + " x" + std::to_string(code.second);
-    return text + "driver return codes: " + codes + " (0 = failed, retried)\n";
 }
 
 std::string render_frame(plchost::FrameDirection direction, const uint8_t *data, size_t size)

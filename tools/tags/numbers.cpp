@@ -120,6 +120,18 @@ Refusal invalid(const Tag &tag, const std::string &text)
     return refuse("invalid value '" + text + "' for " + type_name(tag.type) + scaled + " (" + range_text(tag) + ")");
 }
 
+// A double rounded to the nearest float, an infinity past the largest float
+// (a conversion out of a float's range has no defined result in C++).
+float to_float(double value)
+{
+    // The largest float plus half its last place: from here on values round
+    // to infinity.
+    constexpr double kRoundsToInfinity = 0x1.ffffffp127;
+    if (std::isfinite(value) && std::fabs(value) >= kRoundsToInfinity)
+        return value > 0 ? std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::infinity();
+    return float(value);
+}
+
 Parsed<uint64_t> float_bits(const Tag &tag, const std::string &text)
 {
     const auto shown = parse_real(text);
@@ -129,7 +141,7 @@ Parsed<uint64_t> float_bits(const Tag &tag, const std::string &text)
     // Unscaled, the text is read at the type's own precision (no double
     // rounding through a double for float32).
     const double raw = is_scaled(tag) ? (*shown - tag.offset) / tag.scale : *shown;
-    const float as_float = is_scaled(tag) ? float(raw) : std::strtof(text.c_str(), nullptr);
+    const float as_float = is_scaled(tag) ? to_float(raw) : std::strtof(text.c_str(), nullptr);
     // A number too large for a double reads as an infinity; only "inf" and
     // "infinity" are meant as one.
     const bool spelt_infinite = text.find_first_of("iI") != std::string::npos;

@@ -1,0 +1,73 @@
+#include "session.h"
+
+#include <QtGlobal>
+
+namespace plcpoll {
+
+namespace {
+
+// DataCom's return codes of a good reply for a local-area and a remote-area
+// variable (docs/integrating.md, return codes).
+constexpr int kGoodLocalReply = 1, kGoodRemoteReply = 100;
+// The write-done callback's result of a request that was answered.
+constexpr int kWriteDoneOk = 1;
+
+void install_debug_log(plchost::Host &host)
+{
+    host.set_reply_hook([](const plchost::ReplyEvent &e) {
+        if (e.status != kGoodLocalReply && e.status != kGoodRemoteReply)
+            qWarning("request to station %d (kind %d, address %d, count %d) failed: code %d, %d bytes%s", e.station,
+                     e.reg_kind, e.start_addr, e.count, e.status, e.bytes, e.timed_out ? ", no reply" : "");
+    });
+    host.set_write_done_hook([](int, int source_type, int source_id, int result) {
+        qInfo("request %d/%d finished: %s", source_type, source_id,
+              result == kWriteDoneOk ? "ok" : "communication failed");
+    });
+    host.set_read_done_hook([](int source_type, int) { qWarning("request of type %d given up", source_type); });
+}
+
+} // namespace
+
+std::string peer(const Settings &s)
+{
+    return s.host + ":" + std::to_string(s.port);
+}
+
+View view_of(const Settings &s, const Console &console)
+{
+    if (s.json)
+        return View::Json;
+    return console.terminal ? View::Table : View::Lines;
+}
+
+std::chrono::milliseconds completion_wait(const Settings &s)
+{
+    return std::chrono::milliseconds(int64_t(s.timeout_ms) * (s.retries + 1) * 2 + 1000);
+}
+
+void install_hooks(plchost::Host &host, const Settings &s, const Console &console, plchost::TraceHook also)
+{
+    if (s.trace || also) {
+        // Only the communication thread calls the hook, so lines do not mix.
+        std::ostream *err = s.trace ? &console.err : nullptr;
+        host.set_trace_hook(
+            [err, also](plchost::FrameDirection direction, int endpoint, const uint8_t *data, size_t size) {
+                if (err)
+                    *err << render_frame(direction, data, size) << std::flush;
+                if (also)
+                    also(direction, endpoint, data, size);
+            });
+    }
+    if (s.debug_log)
+        install_debug_log(host);
+}
+
+std::optional<Exit> start_host(plchost::Host &host)
+{
+    std::string error;
+    if (!host.start(true, &error))
+        return failure(error);
+    return std::nullopt;
+}
+
+} // namespace plcpoll

@@ -32,10 +32,15 @@ void Wake::wait(std::chrono::milliseconds timeout)
 {
     pollfd p{fds_[0], POLLIN, 0};
     ::poll(&p, 1, int(timeout.count()));
-    pending_.store(false);
     char buffer[64];
     while (::read(fds_[0], buffer, sizeof buffer) > 0) {
     }
+    // Only now: a notify() between the two would otherwise find the flag
+    // set and write nothing, with its byte already read, and the next wait
+    // would sleep its whole timeout. A notify() skipped before this line
+    // is seen all the same, as the caller looks at what changed after
+    // wait() returns.
+    pending_.store(false);
 }
 
 } // namespace plcgate

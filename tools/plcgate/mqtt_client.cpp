@@ -24,6 +24,8 @@ constexpr milliseconds kFirstRetry{250};
 constexpr milliseconds kLongestRetry{5000};
 // An attempt that has no answer from the broker after this is given up.
 constexpr auto kConnectWait = std::chrono::seconds(10);
+// At a stop: how long the DISCONNECT may take to be written.
+constexpr milliseconds kDisconnectWait{2000};
 constexpr int kVerifyPeer = 1; // OpenSSL's SSL_VERIFY_PEER
 
 } // namespace
@@ -35,6 +37,13 @@ MqttClient::MqttClient(const MqttSettings &settings, std::string will_topic, Wak
 
 MqttClient::~MqttClient()
 {
+    stop_thread();
+    if (mosq_)
+        mosquitto_destroy(mosq_);
+}
+
+void MqttClient::stop_thread()
+{
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
@@ -42,8 +51,6 @@ MqttClient::~MqttClient()
     stop_cv_.notify_all();
     if (thread_.joinable())
         thread_.join();
-    if (mosq_)
-        mosquitto_destroy(mosq_);
 }
 
 bool MqttClient::configure(std::string *error)
@@ -87,7 +94,12 @@ bool MqttClient::start(std::string *error)
     mosquitto_log_callback_set(mosq_, on_log);
     if (!configure(error))
         return false;
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] {
+        run();
+        std::lock_guard<std::mutex> lock(mutex_);
+        ended_ = true;
+        stop_cv_.notify_all();
+    });
     return true;
 }
 
@@ -117,16 +129,18 @@ void MqttClient::subscribe(const std::string &filter)
     mosquitto_subscribe(mosq_, nullptr, filter.c_str(), kQos);
 }
 
+// The DISCONNECT is written by the network thread, which then ends (see
+// run); stopping it earlier would close the connection without it, and
+// the broker would publish the last will.
 void MqttClient::disconnect()
 {
+    disconnecting_ = true;
     mosquitto_disconnect(mosq_);
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stop_ = true;
+        std::unique_lock<std::mutex> lock(mutex_);
+        stop_cv_.wait_for(lock, kDisconnectWait, [this] { return ended_; });
     }
-    stop_cv_.notify_all();
-    if (thread_.joinable())
-        thread_.join();
+    stop_thread();
     connected_ = false;
 }
 
@@ -136,13 +150,15 @@ void MqttClient::run()
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            if (stop_)
+            if (stop_ || disconnecting_)
                 return;
         }
         if (open_connection(first)) {
             first = false;
             serve_connection();
         }
+        if (disconnecting_)
+            return;
         pause_before_retry();
     }
 }
@@ -150,12 +166,26 @@ void MqttClient::run()
 bool MqttClient::open_connection(bool first)
 {
     refused_ = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        last_error_.clear();
+    }
     const int rc = first ? mosquitto_connect_async(mosq_, settings_.host.c_str(), settings_.port, settings_.keepalive_s)
                          : mosquitto_reconnect_async(mosq_);
     if (rc == MOSQ_ERR_SUCCESS)
         return true;
-    report(rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc));
+    report(failure(rc));
     return false;
+}
+
+// The library's words for a failure, with the error it logged on the way:
+// the TLS library's reason (a certificate that does not verify) comes only
+// that way, and the connection may fail as soon as it is opened.
+std::string MqttClient::failure(int rc)
+{
+    const std::string why = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return last_error_.empty() ? why : why + " (" + last_error_ + ")";
 }
 
 // Runs the connection until it ends, fails or the client stops.
@@ -172,9 +202,8 @@ void MqttClient::serve_connection()
         if (refused_)
             break;
         if (rc != MOSQ_ERR_SUCCESS) {
-            std::string why = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
-            std::lock_guard<std::mutex> lock(mutex_);
-            report(last_error_.empty() ? why : why + " (" + last_error_ + ")");
+            if (!disconnecting_)
+                report(failure(rc));
             break;
         }
         if (!connected_ && std::chrono::steady_clock::now() - since > kConnectWait) {

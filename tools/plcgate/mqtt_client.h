@@ -68,10 +68,12 @@ private:
     static void on_log(mosquitto *, void *self, int level, const char *text);
 
     bool configure(std::string *error);
+    void stop_thread();
     void run();
     bool open_connection(bool first);
     void serve_connection();
     void pause_before_retry();
+    std::string failure(int rc);
     void report(const std::string &problem);
     void push(MqttEvent event);
 
@@ -81,14 +83,16 @@ private:
     mosquitto *mosq_ = nullptr;
     std::thread thread_;
 
-    std::mutex mutex_; // events_, stop_, last_error_, last_report_
+    std::mutex mutex_; // events_, stop_, ended_, last_error_
     std::condition_variable stop_cv_;
     std::vector<MqttEvent> events_;
     bool stop_ = false;
+    bool ended_ = false;      // the network thread has ended
     std::string last_error_;  // the library's last error log line
     std::string last_report_; // the last problem written to the log (network thread only)
     std::atomic<bool> connected_{false};
-    std::atomic<bool> refused_{false}; // the broker refused the connection
+    std::atomic<bool> refused_{false};       // the broker refused the connection
+    std::atomic<bool> disconnecting_{false}; // disconnect() was called: no more connections
     std::atomic<uint64_t> connects_{0};
     std::chrono::milliseconds retry_pause_;
 };

@@ -108,6 +108,8 @@ void Gateway::take_mqtt_events()
     for (const MqttEvent &e : mqtt_.take_events()) {
         switch (e.kind) {
         case MqttEvent::Kind::Connected:
+            ++connections_taken_;
+            resend_first_ = outbox_.in_flight() > 0;
             mqtt_.subscribe(set_filter(config_.name));
             outbox_.push_urgent(Message{status_topic(config_.name), kOnline, true, {}});
             break;
@@ -142,8 +144,17 @@ void Gateway::scan(Clock::time_point now)
     }
 }
 
+// A new connection is used once its Connected event is taken. On it, the
+// client first sends again what it was handed on the one before and not
+// acknowledged; nothing newer is handed until the broker has acknowledged
+// all of that, or it would overtake the older messages.
 void Gateway::flush()
 {
+    if (mqtt_.connects() != connections_taken_)
+        return;
+    if (resend_first_ && outbox_.in_flight() > 0)
+        return;
+    resend_first_ = false;
     while (mqtt_.connected() && outbox_.in_flight() < size_t(kMaxInFlight)) {
         const Message *m = outbox_.next();
         if (!m)

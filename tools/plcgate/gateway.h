@@ -57,6 +57,8 @@ private:
     Outbox outbox_;
     Writes writes_;
     std::atomic<bool> fresh_{false}; // replies came since the last scan
+    uint64_t connections_taken_ = 0; // Connected events taken from the client
+    bool resend_first_ = false;      // the client sends again what it had, before anything new
     const Clock::time_point started_ = Clock::now();
 };
 

@@ -250,8 +250,9 @@ void MqttClient::on_connect(mosquitto *, void *self, int rc)
         c->report(std::string("the broker refused the connection: ") + mosquitto_connack_string(rc));
         return;
     }
-    c->connected_ = true;
+    // Counted first: whoever sees connected() sees this connection counted.
     ++c->connects_;
+    c->connected_ = true;
     {
         std::lock_guard<std::mutex> lock(c->mutex_);
         c->retry_pause_ = kFirstRetry;

@@ -66,7 +66,8 @@ inline void write_file(const std::string &path, const std::string &text)
     std::ofstream(path, std::ios::binary) << text;
 }
 
-// A folder for one test, removed with everything in it.
+// A folder for one test, removed with everything in it (kept when
+// PLCGATE_KEEP_TEST_FILES is set, to look at the logs of a failure).
 class TempDir {
 public:
     TempDir()
@@ -77,7 +78,8 @@ public:
     ~TempDir()
     {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        if (!std::getenv("PLCGATE_KEEP_TEST_FILES"))
+            std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir &) = delete;
     TempDir &operator=(const TempDir &) = delete;
@@ -115,6 +117,38 @@ inline bool accepts(int port)
     ::close(s);
     return ok;
 }
+
+// A program's full path: from PATH, or from the administrator's folders
+// (Debian puts mosquitto in /usr/sbin, which a user's PATH may lack); ""
+// when it is not installed.
+inline std::string find_tool(const std::string &name)
+{
+    const char *path = std::getenv("PATH");
+    std::string folders = std::string(path ? path : "") + ":/usr/sbin:/sbin:/usr/local/sbin";
+    std::istringstream list(folders);
+    for (std::string folder; std::getline(list, folder, ':');)
+        if (!folder.empty() && ::access((folder + "/" + name).c_str(), X_OK) == 0)
+            return folder + "/" + name;
+    return "";
+}
+
+// The programs of `names` that are not installed, as one line; "" when all are.
+inline std::string missing_tools(const std::vector<std::string> &names)
+{
+    std::string missing;
+    for (const std::string &n : names)
+        if (find_tool(n).empty())
+            missing += (missing.empty() ? "" : ", ") + n;
+    return missing;
+}
+
+// Skips the test, saying so, when a program it runs is not installed
+// (scripts/install-deps.sh test installs them all).
+#define GATE_REQUIRE_TOOLS(...)                                                                                        \
+    if (const std::string missing = ::gatetest::missing_tools({__VA_ARGS__}); missing.empty()) {                       \
+    } else                                                                                                             \
+        GTEST_SKIP() << "not installed: " << missing << " (bash scripts/install-deps.sh test installs them)"
+#define GATE_REQUIRE_BROKER() GATE_REQUIRE_TOOLS("mosquitto", "mosquitto_sub", "mosquitto_pub")
 
 // A program run in the background, its standard output and error in
 // DIR/NAME.out and DIR/NAME.err.
@@ -190,14 +224,14 @@ private:
 };
 
 // Runs a program to its end; its exit status and output.
-struct Run {
+struct Ran {
     int status = -1;
     std::string out, err;
 };
-inline Run run(const std::vector<std::string> &argv, const std::string &dir, const std::string &name)
+inline Ran run(const std::vector<std::string> &argv, const std::string &dir, const std::string &name)
 {
     Process p(argv, dir, name);
-    Run r;
+    Ran r;
     if (p.start())
         r.status = p.wait();
     r.out = p.out();
@@ -240,31 +274,39 @@ inline std::optional<Certificates> make_certificates(const std::string &dir, con
 }
 
 // The broker: mosquitto with a configuration file of its own, on a port of
-// its own that stays the same across restarts.
+// its own that stays the same across restarts. Its messages and sessions
+// are kept in the test's folder (persistence), so a restart keeps them.
 class Broker {
 public:
-    // `extra`: further lines of mosquitto.conf (listener options, bridges).
+    // `extra`: further lines of mosquitto.conf (the listener's options,
+    // authentication, bridges), after the listener line and the general
+    // ones; @DIR@ in them stands for the test's folder.
     Broker(const TempDir &dir, std::string name, std::string extra = "allow_anonymous true\n")
         : dir_(dir.path()), name_(std::move(name)), port_(free_port())
     {
-        std::string conf = "listener " + std::to_string(port_) + " 127.0.0.1\n" + extra;
+        for (size_t at; (at = extra.find("@DIR@")) != std::string::npos;)
+            extra.replace(at, 5, dir_);
+        std::string conf = "listener " + std::to_string(port_) + " 127.0.0.1\n";
         conf += "persistence true\npersistence_location " + dir_ + "/" + name_ + "-data/\n";
+        conf += "log_dest stderr\nlog_type error\nlog_type warning\nlog_type notice\nlog_type information\n";
         if (::geteuid() == 0)
             conf += "user root\n"; // otherwise it becomes the mosquitto user, who cannot read the test's files
         std::filesystem::create_directories(dir_ + "/" + name_ + "-data");
-        write_file(dir_ + "/" + name_ + ".conf", conf);
+        write_file(dir_ + "/" + name_ + ".conf", conf + extra);
     }
 
     bool start()
     {
-        process_ = std::make_unique<Process>(std::vector<std::string>{"mosquitto", "-c", dir_ + "/" + name_ + ".conf"},
-                                             dir_, name_);
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{find_tool("mosquitto"), "-c", dir_ + "/" + name_ + ".conf"}, dir_, name_);
         return process_->start() && eventually([this] { return accepts(port_) || !process_->running(); }) &&
                process_->running();
     }
-    void stop(int signal_number = SIGTERM) { process_->stop(signal_number); }
+    // A stop with SIGTERM saves the sessions and queued messages.
+    int stop(int signal_number = SIGTERM) { return process_ ? process_->stop(signal_number) : -1; }
     int port() const { return port_; }
-    std::string log() const { return process_ ? process_->err() : std::string(); }
+    // Everything it logged, across restarts.
+    std::string log() const { return slurp(dir_ + "/" + name_ + ".err"); }
 
 private:
     std::string dir_, name_;
@@ -278,17 +320,20 @@ struct Received {
 };
 
 // The independent consumer: mosquitto_sub on plcgate/# (QoS 1), printing
-// "TOPIC PAYLOAD" lines. A persistent one keeps its session across broker
-// restarts (clean session off, a client id of its own).
+// "TOPIC PAYLOAD" lines. `client`: the options every client of the broker
+// needs (credentials, TLS files), for its probe too; `session`: those of
+// the subscription alone (a persistent session: -c -i ID).
 class Consumer {
 public:
-    Consumer(const TempDir &dir, std::string name, int port, std::vector<std::string> options = {})
-        : dir_(dir.path()), name_(std::move(name)), port_(port)
+    Consumer(const TempDir &dir, std::string name, int port, std::vector<std::string> session = {},
+             std::vector<std::string> client = {})
+        : dir_(dir.path()), name_(std::move(name)), port_(port), client_(std::move(client))
     {
         std::vector<std::string> argv = {
             "mosquitto_sub", "-h", "127.0.0.1",     "-p", std::to_string(port), "-q", "1", "-v", "-t",
             "plcgate/#",     "-t", "probe/" + name_};
-        argv.insert(argv.end(), options.begin(), options.end());
+        argv.insert(argv.end(), session.begin(), session.end());
+        argv.insert(argv.end(), client_.begin(), client_.end());
         process_ = std::make_unique<Process>(argv, dir_, name_);
     }
 
@@ -299,7 +344,7 @@ public:
         if (!process_->start())
             return false;
         return eventually([this] {
-            publish(port_, "probe/" + name_, "probe", dir_);
+            publish("probe/" + name_, "probe");
             return process_->out().find("probe/" + name_ + " probe") != std::string::npos;
         });
     }
@@ -336,19 +381,32 @@ public:
             timeout);
     }
     void stop() { process_->stop(); }
+    std::string log() const { return process_->err(); }
 
-    static void publish(int port, const std::string &topic, const std::string &payload, const std::string &dir,
+    // Publishes to this consumer's broker as a client like it.
+    bool publish(const std::string &topic, const std::string &payload) const
+    {
+        return publish(port_, topic, payload, dir_, client_);
+    }
+
+    // QoS 1; the payload is handed over in a file, so any bytes (NUL, none
+    // at all) go as they are. `options`: more of mosquitto_pub's (-r, TLS).
+    static bool publish(int port, const std::string &topic, const std::string &payload, const std::string &dir,
                         const std::vector<std::string> &options = {})
     {
+        const std::string file = dir + "/payload-" + std::to_string(++published_);
+        write_file(file, payload);
         std::vector<std::string> argv = {
-            "mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(port), "-q", "1", "-t", topic, "-m", payload};
+            "mosquitto_pub", "-h", "127.0.0.1", "-p", std::to_string(port), "-q", "1", "-t", topic, "-f", file};
         argv.insert(argv.end(), options.begin(), options.end());
-        run(argv, dir, "mosquitto_pub");
+        return run(argv, dir, "mosquitto_pub").status == 0;
     }
 
 private:
+    static inline int published_ = 0;
     std::string dir_, name_;
     int port_;
+    std::vector<std::string> client_;
     std::unique_ptr<Process> process_;
 };
 
@@ -428,14 +486,22 @@ inline int writes_in_log(const std::string &log)
 }
 
 // A whole site for one test: plcsim, the broker, the consumer and one
-// gateway with a tag file. start() returns "" or what did not start.
+// gateway with a tag file. The start functions return "" or what did not
+// start. `client`: the options a client of this broker needs (credentials,
+// TLS files), for the consumer and for sets.
 struct Site {
     TempDir dir;
-    Broker broker{dir, "broker"};
+    Broker broker;
+    std::vector<std::string> client;
     std::unique_ptr<PlcsimProcess> plc;
     std::unique_ptr<Consumer> consumer;
     std::unique_ptr<Gate> gate;
     GateSetup setup;
+
+    explicit Site(std::string broker_extra = "allow_anonymous true\n", std::vector<std::string> client_options = {})
+        : broker(dir, "broker", std::move(broker_extra)), client(std::move(client_options))
+    {
+    }
 
     std::string start_plc(std::vector<std::string> args)
     {
@@ -445,22 +511,34 @@ struct Site {
         return plc->start(&error) ? "" : "plcsim: " + error;
     }
 
-    std::string start(const std::string &tags, std::vector<std::string> plc_args = {"--static"},
-                      std::vector<std::string> consumer_options = {})
+    // Everything but the gateway: plcsim, the broker, the consumer (with
+    // `session`, options of its subscription), the tag file; `setup` then
+    // points at plcsim and the broker.
+    std::string prepare(const std::string &tags, std::vector<std::string> plc_args = {"--static"},
+                        std::vector<std::string> session = {})
     {
         if (auto error = start_plc(plc_args); !error.empty())
             return error;
         if (!broker.start())
             return "mosquitto did not start: " + broker.log();
-        consumer = std::make_unique<Consumer>(dir, "consumer", broker.port(), consumer_options);
+        consumer = std::make_unique<Consumer>(dir, "consumer", broker.port(), session, client);
         if (!consumer->start())
-            return "mosquitto_sub did not subscribe";
+            return "mosquitto_sub did not subscribe: " + consumer->log();
         write_file(dir.file("tags.csv"), tags);
         setup.plc_port = plc->modbus_port();
         setup.mqtt_port = broker.port();
+        return "";
+    }
+
+    std::string start(const std::string &tags, std::vector<std::string> plc_args = {"--static"},
+                      std::vector<std::string> session = {})
+    {
+        if (auto error = prepare(tags, std::move(plc_args), std::move(session)); !error.empty())
+            return error;
         return start_gate();
     }
 
+    // The gateway of `setup`, started; "" once the consumer saw it online.
     std::string start_gate(std::vector<std::string> options = {})
     {
         gate = std::make_unique<Gate>(dir, setup.name, setup.text(), options);
@@ -471,22 +549,27 @@ struct Site {
         return "";
     }
 
-    std::string topic(const std::string &rest) const { return "plcgate/" + setup.name + "/" + rest; }
+    std::string topic(const std::string &rest) const { return topic_of(setup.name, rest); }
+    static std::string topic_of(const std::string &gateway, const std::string &rest)
+    {
+        return "plcgate/" + gateway + "/" + rest;
+    }
 
-    // The tag's messages as the consumer got them.
-    std::vector<TagMessage> tag_messages(const std::string &tag) const
+    // The tag's messages as the consumer got them, of this site's gateway or
+    // of another one.
+    std::vector<TagMessage> tag_messages(const std::string &tag, const std::string &gateway = "") const
     {
         std::vector<TagMessage> found;
-        for (const std::string &p : consumer->payloads(topic("tags/" + tag)))
+        for (const std::string &p : consumer->payloads(topic_of(gateway.empty() ? setup.name : gateway, "tags/" + tag)))
             if (auto m = tag_message(p))
                 found.push_back(*m);
         return found;
     }
     bool wait_tag(const std::string &tag, const std::function<bool(const TagMessage &)> &match,
-                  std::chrono::milliseconds timeout = kLong) const
+                  std::chrono::milliseconds timeout = kLong, const std::string &gateway = "") const
     {
         return consumer->wait_for(
-            topic("tags/" + tag),
+            topic_of(gateway.empty() ? setup.name : gateway, "tags/" + tag),
             [&](const std::string &p) {
                 const auto m = tag_message(p);
                 return m && match(*m);
@@ -505,7 +588,7 @@ struct Site {
     }
     std::optional<nlohmann::json> set(const std::string &tag, const std::string &payload, const nlohmann::json &id)
     {
-        Consumer::publish(broker.port(), topic("tags/" + tag + "/set"), payload, dir.path());
+        consumer->publish(topic("tags/" + tag + "/set"), payload);
         std::optional<nlohmann::json> a;
         eventually([&] { return bool(a = ack(tag, id)); });
         return a;

@@ -97,6 +97,19 @@ struct TlsSite : Site {
             lines += "cert_file = " + c.client + "\nkey_file = " + c.client_key + "\n";
         return lines;
     }
+    // The site with its gateway over TLS (CA "ca", with its client
+    // certificate or not); "" once a good value came through.
+    std::string start_tls(bool with_client)
+    {
+        if (!ca || !other)
+            return "openssl made no certificates: " + slurp(dir.file("openssl.log"));
+        setup.mqtt_extra = tls(*ca, with_client);
+        if (auto error = start("words,4,0,1,2\n"); !error.empty())
+            return error;
+        if (!wait_tag("words", [](const TagMessage &m) { return m.quality == "good"; }))
+            return "no good value over TLS: " + gate->log();
+        return "";
+    }
     std::optional<Certificates> ca, other;
 };
 
@@ -105,10 +118,7 @@ TEST(GatewaySecurity, TheBrokersCertificateIsCheckedAgainstTheCaFile)
     GATE_REQUIRE_BROKER();
     GATE_REQUIRE_TOOLS("openssl");
     TlsSite site(false);
-    ASSERT_TRUE(site.ca && site.other) << slurp(site.dir.file("openssl.log"));
-    site.setup.mqtt_extra = TlsSite::tls(*site.ca, false);
-    ASSERT_EQ(site.start("words,4,0,1,2\n"), "");
-    EXPECT_TRUE(site.wait_tag("words", [](const TagMessage &m) { return m.quality == "good"; }));
+    ASSERT_EQ(site.start_tls(false), "");
 
     Intruder wrong_ca(site, "wrongca", TlsSite::tls(*site.other, false));
     EXPECT_EQ(wrong_ca.kept_out(), "");
@@ -122,10 +132,7 @@ TEST(GatewaySecurity, AClientCertificateWhenTheBrokerAsksForOne)
     GATE_REQUIRE_BROKER();
     GATE_REQUIRE_TOOLS("openssl");
     TlsSite site(true);
-    ASSERT_TRUE(site.ca && site.other) << slurp(site.dir.file("openssl.log"));
-    site.setup.mqtt_extra = TlsSite::tls(*site.ca, true);
-    ASSERT_EQ(site.start("words,4,0,1,2\n"), "");
-    EXPECT_TRUE(site.wait_tag("words", [](const TagMessage &m) { return m.quality == "good"; }));
+    ASSERT_EQ(site.start_tls(true), "");
 
     Intruder without(site, "nocertificate", TlsSite::tls(*site.ca, false));
     EXPECT_EQ(without.kept_out(), "");

@@ -7,10 +7,13 @@ set -euo pipefail
 
 declare -A GROUPS_PKGS=(
   # plcpoll writes its JSON with nlohmann's header-only library; the manual
-  # pages are turned from scdoc into roff at build time.
-  [build]="cmake make g++ pkg-config qtbase5-dev nlohmann-json3-dev scdoc"
-  # The manual pages are checked with man --warnings (man-db).
-  [test]="libgtest-dev libgmock-dev libbenchmark-dev man-db"
+  # pages are turned from scdoc into roff at build time; plcgate speaks MQTT
+  # through libmosquitto.
+  [build]="cmake make g++ pkg-config qtbase5-dev nlohmann-json3-dev scdoc libmosquitto-dev"
+  # The manual pages are checked with man --warnings (man-db). The gateway's
+  # tests run a real broker (mosquitto), consume with mosquitto_sub/pub and
+  # make their TLS certificates with openssl.
+  [test]="libgtest-dev libgmock-dev libbenchmark-dev man-db mosquitto mosquitto-clients openssl"
   # python3-pymodbus imports serial and serial_asyncio in its server code but
   # only recommends them, and recommends are not installed here.
   [modbus]="libmodbus-dev python3-pymodbus python3-serial python3-serial-asyncio mbpoll"

@@ -49,6 +49,26 @@ protected:
 
 const char *const kMinimal = "[gateway]\nname = g1\ntags = tags.csv\n";
 
+TEST_F(ConfigFile, FilesNamedInTheFileAreFoundBesideItAndOnTheCommandLineAsGiven)
+{
+    write("ca.pem", "certificate");
+    write("client.pem", "certificate");
+    write("client.key", "key");
+    const auto c =
+        load(std::string(kMinimal) + "[mqtt]\nca_file = ca.pem\ncert_file = client.pem\nkey_file = client.key\n");
+    ASSERT_TRUE(c.ok()) << c.why();
+    EXPECT_EQ(c.value().tags_path, path("tags.csv"));
+    EXPECT_EQ(c.value().mqtt.ca_file, path("ca.pem"));
+    EXPECT_EQ(c.value().mqtt.cert_file, path("client.pem"));
+    EXPECT_EQ(c.value().mqtt.key_file, path("client.key"));
+
+    // The test runs in another folder than dir_: a relative name on the
+    // command line is looked for there, so it cannot be read.
+    const auto given = load(kMinimal, {"--mqtt.ca_file", "ca.pem"});
+    ASSERT_FALSE(given.ok());
+    EXPECT_NE(given.why().find("--mqtt.ca_file: cannot read 'ca.pem'"), std::string::npos) << given.why();
+}
+
 TEST_F(ConfigFile, KeysOfEverySectionAreRead)
 {
     const auto c =

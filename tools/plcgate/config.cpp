@@ -9,6 +9,7 @@
 #include <QStringList>
 
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -252,6 +253,19 @@ std::string settings_text(const QSettings &settings, const QString &key)
 
 // Every key the file gives, with its line: the file's text says where,
 // QSettings what (it undoes quoting and escapes).
+// A file named in the configuration file is looked for beside it, whatever
+// folder plcgate runs in (systemd starts it in /). One given on the command
+// line is taken as given, relative to the caller's folder as a shell user
+// expects.
+std::string beside_config(const std::string &config, const std::string &key, const std::string &value)
+{
+    static const std::set<std::string> file_keys{"gateway.tags", "mqtt.ca_file", "mqtt.cert_file", "mqtt.key_file"};
+    const std::string v = plctags::trim(value);
+    if (!file_keys.count(key) || v.empty() || v[0] == '/')
+        return value;
+    return QFileInfo(QString::fromStdString(config)).absolutePath().toStdString() + "/" + v;
+}
+
 Parsed<std::map<std::string, std::string>> file_values(const std::string &path, GateConfig *c)
 {
     bool ok = false;
@@ -269,7 +283,7 @@ Parsed<std::map<std::string, std::string>> file_values(const std::string &path, 
             return refuse(where + ": unknown key " + section_key_text(entry.first) + " (keys: " + key_names() + ")");
         QString key = QString::fromStdString(entry.first);
         key.replace(key.indexOf(QLatin1Char('.')), 1, QLatin1Char('/'));
-        values[entry.first] = settings_text(settings, key);
+        values[entry.first] = beside_config(path, entry.first, settings_text(settings, key));
         c->origins[entry.first] = where;
     }
     return values;
@@ -294,14 +308,12 @@ std::optional<std::string> apply_plc_address(GateConfig *c)
     return std::nullopt;
 }
 
-std::optional<std::string> check_complete(GateConfig *c, const std::string &config_dir)
+std::optional<std::string> check_complete(GateConfig *c)
 {
     if (c->name.empty())
         return std::string("[gateway] name is not given (the gateway's topic level: plcgate/NAME/...)");
     if (c->tags_path.empty())
         return std::string("[gateway] tags is not given (the tag file)");
-    if (c->tags_path[0] != '/' && !config_dir.empty())
-        c->tags_path = config_dir + "/" + c->tags_path;
     if (c->mqtt.cert_file.empty() != c->mqtt.key_file.empty())
         return key_origin(*c, c->mqtt.cert_file.empty() ? "mqtt.key_file" : "mqtt.cert_file") +
                ": a client certificate needs both [mqtt] cert_file and key_file";
@@ -376,9 +388,7 @@ Parsed<GateConfig> load_config(const Invocation &inv)
     for (const auto &v : values)
         if (auto why = apply(v.first, v.second, &c))
             return refuse(key_origin(c, v.first) + ": " + *why);
-    const std::string dir =
-        path.empty() ? std::string() : QFileInfo(QString::fromStdString(path)).absolutePath().toStdString();
-    if (auto why = check_complete(&c, dir))
+    if (auto why = check_complete(&c))
         return refuse(*why);
     return c;
 }

@@ -2,8 +2,8 @@
 # once every program of the build is known):
 #   share/man/man3/FUNCTION.3.gz  one page per function of the exported C
 #                                 interface (component "development")
-#   share/man/man1/plcpoll.1.gz, plcsim.1.gz          (component "tools")
-#   share/bash-completion/completions/plcpoll, plcsim (component "tools")
+#   share/man/man1/plcpoll.1.gz, plcsim.1.gz, plcgate.1.gz (component "tools")
+#   share/bash-completion/completions/plcpoll, plcsim, plcgate (component "tools")
 # The pages are written in scdoc (docs/man/NAME.SECTION.scd), turned into
 # roff by Debian's scdoc at build time and compressed as Debian installs
 # manual pages. -DPLCDRIVER_BUILD_MAN=OFF (PlcdriverInstall.cmake) builds
@@ -45,7 +45,7 @@ if(PLCDRIVER_BUILD_MAN)
   string(REPLACE ".scd" "" _plcdriver_function_pages "${_plcdriver_function_pages}")
   plcdriver_man_pages(development ${_plcdriver_function_pages})
   set(_plcdriver_program_pages)
-  foreach(program plcpoll plcsim)
+  foreach(program plcpoll plcsim plcgate)
     if(TARGET ${program})
       list(APPEND _plcdriver_program_pages ${program}.1)
     endif()
@@ -57,7 +57,7 @@ endif()
 
 # Completions go where bash-completion loads them on demand, named after the
 # command (bash-completion's completionsdir under the prefix).
-foreach(program plcpoll plcsim)
+foreach(program plcpoll plcsim plcgate)
   if(TARGET ${program})
     install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/${program}
       DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)

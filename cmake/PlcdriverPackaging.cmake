@@ -5,8 +5,10 @@
 #                     link; what a board with an HMI runtime needs.
 #   libplcdriver-dev  component "development": header, libplcdriver.so link,
 #                     CMake package and pkg-config file.
-#   plcdriver-tools   component "tools": the programs (plcpoll, plcsim), for
-#                     commissioning on the board; only it needs libmodbus.
+#   plcdriver-tools   component "tools": the programs (plcpoll, plcsim,
+#                     plcgate with its systemd unit and its configuration in
+#                     /etc/plcgate), for commissioning on the board and the
+#                     edge gateway; only it needs libmodbus and libmosquitto.
 # Anything installed with COMPONENT tools lands in plcdriver-tools; a build
 # without the programs makes no tools package. The manual pages and bash
 # completions go with their packages (PlcdriverManPages.cmake): the
@@ -54,7 +56,15 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME plcdriver-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-    "PLC communication driver: commissioning tools\nplcpoll polls PLC tags through libplcdriver.so.1, writes values and finds\nthe stations that answer; plcsim simulates a PLC (Modbus TCP and the\nremote frame). With their manual pages and bash completions.")
+    "PLC communication driver: commissioning tools and the MQTT gateway\nplcpoll polls PLC tags through libplcdriver.so.1, writes values and finds\nthe stations that answer; plcsim simulates a PLC (Modbus TCP and the\nremote frame); plcgate publishes PLC tags to an MQTT broker and takes\nwrites from it (a systemd service, configured in /etc/plcgate). With\ntheir manual pages and bash completions.")
+# plcgate's configuration in /etc is the administrator's once installed:
+# dpkg keeps changes to it on upgrades (conffiles).
+get_property(_plcdriver_conffiles GLOBAL PROPERTY PLCGATE_CONFFILES)
+if(_plcdriver_conffiles)
+  list(JOIN _plcdriver_conffiles "\n" _plcdriver_conffiles)
+  file(WRITE ${PROJECT_BINARY_DIR}/package/tools/conffiles "${_plcdriver_conffiles}\n")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/package/tools/conffiles)
+endif()
 
 include(CPackComponent)
 cpack_add_component(runtime DISPLAY_NAME "Library")
@@ -74,9 +84,14 @@ if(CMAKE_CROSSCOMPILING)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${PLCDRIVER_DEB_ARCH})
   set(_plcdriver_cxx_runtime "libstdc++6, libgcc-s1, libc6")
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${_plcdriver_qt_runtime}, ${_plcdriver_cxx_runtime}")
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${_plcdriver_qt_runtime}, libmodbus5, ${_plcdriver_cxx_runtime}")
+  set(_plcdriver_tools_libs "libmodbus5")
+  if(TARGET plcgate)
+    string(APPEND _plcdriver_tools_libs ", libmosquitto1")
+  endif()
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${_plcdriver_qt_runtime}, ${_plcdriver_tools_libs}, ${_plcdriver_cxx_runtime}")
 else()
-  # Library dependencies (libc6, libstdc++6, the Qt Core runtime, libmodbus)
+  # Library dependencies (libc6, libstdc++6, the Qt Core runtime, libmodbus,
+  # libmosquitto)
   # with versions, computed by dpkg-shlibdeps. The programs' libplcdriver.so.1
   # is this build's own (found in driver/; its package is named by the
   # component dependency above).

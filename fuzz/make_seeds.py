@@ -3,8 +3,8 @@
 
 Each seed is a small, meaningful input in the layout its target documents at
 the top of its source: valid Modbus TCP and remote replies for every register
-kind, address texts, descriptor lists from the grouping examples, and call
-sequences with a cyclic pass and a write. Run it again after changing an
+kind, address texts, descriptor lists from the grouping examples, call
+sequences with a cyclic pass and a write, and plcgate's set payloads. Run it again after changing an
 input layout: python3 fuzz/make_seeds.py
 """
 import os
@@ -324,9 +324,70 @@ def sequence_seeds():
     write("fuzz_sequence", "stations_and_link_switch", seed)
 
 
+# ---------------------------------------------------------------- set payloads
+
+# Indexes into kTags of fuzz_set_request.cpp.
+SET_TAGS = {"coil": 0, "coils8": 1, "word_bits3": 2, "hr": 4, "hr4": 5, "dword": 6, "int16": 8,
+            "uint16_scaled": 9, "int32_cdab": 10, "uint32x2": 11, "int64": 12, "uint64": 13, "float32": 14,
+            "float32_scaled3": 15, "float64": 16, "hex2": 17, "hex_bytes3": 18, "bits": 19, "ascii5": 20,
+            "ascii_bytes7": 21, "read_only": 22}
+
+
+def set_seed(tag, payload):
+    """fuzz_set_request: tag index, shape 0 (as given), the payload."""
+    return u8(SET_TAGS[tag]) + u8(0) + payload.encode("utf-8")
+
+
+def set_repeated(tag, length_units, payload):
+    """fuzz_set_request: shape 1, the payload repeated to length_units x 64 bytes."""
+    return u8(SET_TAGS[tag]) + u8(1) + u16(length_units) + payload.encode("utf-8")
+
+
+def set_request_seeds():
+    seeds = {
+        "coil_true": ("coil", "true"),
+        "coils8_array": ("coils8", "[1,0,1,1,0,0,1,0]"),
+        "word_bits_object": ("word_bits3", '{"value": [true, false, 1], "id": "w1"}'),
+        "hr_number": ("hr", "1234"),
+        "hr_negative": ("hr", "-1"),
+        "hr4_array": ("hr4", "[1, 2, 3, 65535]"),
+        "dword_id_number": ("dword", '{"value": 4000000000, "id": 17}'),
+        "int16_out_of_range": ("int16", "40000"),
+        "uint16_scaled": ("uint16_scaled", "12.5"),
+        "int32_object": ("int32_cdab", '{"id": "a", "value": -100000}'),
+        "uint32_pair": ("uint32x2", "[4294967295, 0]"),
+        "int64_min": ("int64", "-9223372036854775808"),
+        "uint64_max": ("uint64", "18446744073709551615"),
+        "float32_pi": ("float32", "3.14159"),
+        "float32_huge": ("float32", "1e39"),
+        "float32_scaled": ("float32_scaled3", "[1.5, -2, 1e-3]"),
+        "float64_exp": ("float64", "-1.25e-300"),
+        "hex_text": ("hex2", '["0x1234", "ffff"]'),
+        "hex_bytes": ("hex_bytes3", '["0a", "ff", "00"]'),
+        "bits_text": ("bits", '"1010101010101010"'),
+        "ascii_text": ("ascii5", '"hello"'),
+        "ascii_short": ("ascii_bytes7", '{"value": "ab", "id": "x"}'),
+        "read_only": ("read_only", "5"),
+        "unknown_key": ("hr", '{"value": 1, "when": 2}'),
+        "no_value": ("hr", '{"id": "only"}'),
+        "bad_id": ("hr", '{"value": 1, "id": [1]}'),
+        "string_for_number": ("hr", '"12"'),
+        "not_json": ("hr", "{value: 1"),
+        "unicode_escape": ("ascii5", '"\\u00e9\\ud83d\\ude00"'),
+        "empty": ("hr", ""),
+    }
+    for name, (tag, payload) in seeds.items():
+        write("fuzz_set_request", name, set_seed(tag, payload))
+    # Past the payload limit, and nested deeper than a value goes.
+    write("fuzz_set_request", "oversized", set_repeated("hr4", 1100, "[1, 2, 3, 4],"))
+    write("fuzz_set_request", "deep_nesting", set_repeated("hr", 64, "["))
+    write("fuzz_set_request", "deep_objects", set_repeated("hr", 64, '{"value":'))
+
+
 if __name__ == "__main__":
     datacom_seeds()
     address_seeds()
     read_list_seeds()
     data_access_seeds()
     sequence_seeds()
+    set_request_seeds()

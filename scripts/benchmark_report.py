@@ -4,7 +4,7 @@
     /usr/bin/python3 scripts/benchmark_report.py RESULTS_DIR [--baseline EARLIER_RESULTS_DIR]
 
 Reads meta.json and whichever of bench_exchange.json, bench_read_list.json,
-bench_mirror.json, callgrind.json, throughput.json and scaling.json exist;
+bench_mirror.json, callgrind.json, throughput.json, scaling.json and gateway.json exist;
 writes summary.json (every figure shown), report.md and the charts (PNG,
 drawn by gnuplot). Every number on the page is computed here from those
 files; nothing is typed in by hand. Standard library only.
@@ -376,6 +376,44 @@ def read_list_named_ratios(series, rebuilds, w):
     return ratios
 
 
+def gateway_section(gw, meta, w, summary):
+    """plcgate against mosquitto and plcsim (benchmarks/gateway/bench_gateway)."""
+    w("## 4. plcgate: PLC values through an MQTT broker\n")
+    w(f"Command: `{command_of(meta, 'gateway')}`\n")
+    w(f"mosquitto, plcsim, plcgate, the Modbus writer (libmodbus) and the subscriber (libmosquitto, QoS 1) all run "
+      f"on this machine's {gw.get('nproc', '?')} cores, shared with whatever else ran (load average above): "
+      "every process here competes for the same two cores, so the absolute figures are those of a busy small "
+      "machine and the ratios are the comparison to read.\n")
+    w("Latency: the writer writes a new value into one holding register (t0, before the request is sent) and waits "
+      "until the subscriber has the tag message with that value (t1); then a random pause of 0 to interval + 20 ms, "
+      "so changes fall at every point of plcgate's poll cycle.\n")
+    w("| [plc] interval | changes | median ms | 99th percentile ms | min–max ms | lost |")
+    w("|---|---|---|---|---|---|")
+    for r in gw.get("latency", []):
+        w(f"| {r['interval_ms']} ms | {r['changes']} | {fmt(r['median_ms'])} | {fmt(r['p99_ms'])} | "
+          f"{fmt(r['min_ms'])}–{fmt(r['max_ms'])} | {r['lost']} |")
+    w("")
+    ceiling = gw.get("ceiling", {})
+    top = ceiling.get("messages_per_s") or float("nan")
+    w("Throughput: every register of the tag file changes continuously (the writer rewrites them all with FC16 "
+      "blocks, pass after pass); plcgate at [plc] interval 0 and [gateway] refresh 0 publishes each change it "
+      "reads. Updates are tag messages the subscriber received per second; CPU is plcgate's user + system time "
+      "(/proc/PID/stat) over the same window.\n")
+    w("| changing tags | updates/s | share of the broker's ceiling | plcgate CPU µs per update | plcgate CPU "
+      "(share of one core) | broker CPU s | plcsim CPU s | writer passes/s | coalesced (stats) |")
+    w("|---|---|---|---|---|---|---|---|---|")
+    for r in gw.get("throughput", []):
+        w(f"| {r['tags']:,} | {fmt(r['updates_per_s'])} | {r['updates_per_s'] / top * 100:.0f} % | "
+          f"{fmt(r['gate_cpu_us_per_update'])} | {r['gate_cpu_share'] * 100:.0f} % | {fmt(r['broker_cpu_s'])} | "
+          f"{fmt(r['plcsim_cpu_s'])} | {fmt(r['writer_passes_per_s'])} | {r['dropped']:,} |")
+    w("")
+    w(f"The broker's own ceiling on the same machine: `mosquitto_pub -l` publishing {ceiling.get('messages', 0):,} "
+      f"lines of {ceiling.get('payload_bytes', '?')} bytes at QoS 1 to `mosquitto_sub -C` (QoS 1) through the same "
+      f"mosquitto configuration: **{fmt(top)} messages/s** ({fmt(ceiling.get('seconds'))} s, broker CPU "
+      f"{fmt(ceiling.get('broker_cpu_s'))} s).\n")
+    summary["gateway"] = gw
+
+
 def main():
     args = sys.argv[1:]
     if not args or args[0].startswith("-"):
@@ -390,6 +428,7 @@ def main():
     cg = load(os.path.join(out_dir, "callgrind.json"))
     tp = load(os.path.join(out_dir, "throughput.json"))
     sc = load(os.path.join(out_dir, "scaling.json"))
+    gw = load(os.path.join(out_dir, "gateway.json"))
     base_tp = load(os.path.join(baseline_dir, "throughput.json")) if baseline_dir else None
     base_meta = (load(os.path.join(baseline_dir, "meta.json")) or {}) if baseline_dir else {}
 
@@ -714,6 +753,9 @@ def main():
                 c = spread([to_ns(x["cpu_time"], x["time_unit"]) for x in r])
                 w(f"| {name} | {fmt(c[0])} ({fmt(c[1])}–{fmt(c[2])}) |")
             w("")
+
+    if gw:
+        gateway_section(gw, meta, w, summary)
 
     w("## Commands of this run\n")
     for c in meta.get("commands", []):

@@ -6,8 +6,9 @@
 # $BUILD_DIR), runs the Google Benchmark programs (bench_exchange,
 # bench_read_list, bench_mirror), counts instructions per exchange with
 # callgrind, runs the loopback benchmarks against plcsim (host + driver side
-# by side with a plain libmodbus client; scaling of the cyclic list) and
-# writes under DIR (default results/):
+# by side with a plain libmodbus client; scaling of the cyclic list), runs
+# plcgate against mosquitto and plcsim (latency, updates per second and the
+# broker's own ceiling) and writes under DIR (default results/):
 #   meta.json             machine, date, load average at start and end, commit, every command
 #   *.json                what each benchmark produced
 #   summary.json          the figures the report shows
@@ -16,7 +17,7 @@
 # --baseline DIR: a results directory of an earlier run; its throughput
 #   ratios are shown beside this run's.
 # --only LIST: comma-separated subset of exchange,callgrind,read_list,mirror,
-#   throughput,profile,scaling (the report covers what was run).
+#   throughput,profile,scaling,gateway (the report covers what was run).
 # Every process it starts talks only to 127.0.0.1 and stops by itself.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -25,14 +26,14 @@ root=$(pwd)
 quick=0
 out=results
 baseline=""
-only="exchange,callgrind,read_list,mirror,throughput,profile,scaling"
+only="exchange,callgrind,read_list,mirror,throughput,profile,scaling,gateway"
 while [[ $# -gt 0 ]]; do
   case $1 in
     --quick) quick=1 ;;
     --out) out=$2; shift ;;
     --baseline) baseline=$2; shift ;;
     --only) only=$2; shift ;;
-    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "benchmarks: unknown option $1 (see --help)" >&2; exit 2 ;;
   esac
   shift
@@ -47,7 +48,7 @@ logs=$out/logs
 mkdir -p "$logs"
 rm -f "$out"/*.json "$out"/*.png "$out"/report.md "$out"/commands.tsv
 
-bash scripts/install-deps.sh build test modbus profile report
+bash scripts/install-deps.sh build test modbus profile report gateway
 
 loadavg() { cut -d' ' -f1-3 /proc/loadavg; }
 start_date=$(date -u +%Y-%m-%dT%H:%M:%SZ)
@@ -81,7 +82,7 @@ echo "==== build (Release, $build)"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DPLCDRIVER_BUILD_BENCHMARKS=ON >"$logs/configure.log" 2>&1 ||
   { cat "$logs/configure.log"; exit 1; }
 cmake --build "$build" -j"$jobs" --target plcsim bench_exchange bench_read_list bench_mirror \
-  bench_loopback_throughput bench_loopback_scaling >"$logs/build.log" 2>&1 ||
+  bench_loopback_throughput bench_loopback_scaling plcgate bench_gateway >"$logs/build.log" 2>&1 ||
   { grep -E "error|warning" "$logs/build.log" | head -40; exit 1; }
 b=$build/benchmarks
 plcsim=$build/simulator/plcsim
@@ -91,12 +92,14 @@ if [[ $quick -eq 1 ]]; then
   cg_iterations=1000
   tp=(--rounds 5 --seconds 0.3)
   sc=(--rounds 1 --seconds 0.5)
+  gw=(--changes 100 --seconds 2 --ceiling 20000)
 else
   gb=(--benchmark_repetitions=5 --benchmark_min_time=0.1)
   cg_iterations=10000
   # Many short rounds: a burst of other load spoils few pairs.
   tp=(--rounds 15 --seconds 0.5)
   sc=(--rounds 2 --seconds 1.5)
+  gw=(--changes 300 --seconds 5 --ceiling 100000)
 fi
 gb+=(--benchmark_enable_random_interleaving=true --benchmark_out_format=json)
 
@@ -144,6 +147,9 @@ if wants scaling; then
   run scaling "$b/loopback/bench_loopback_scaling" --plcsim "$plcsim" --tags 10,100,1000,10000,100000 \
     --stations 1,4,16 "${sc[@]}" --out "$out/scaling.json"
 fi
+if wants gateway; then
+  run gateway "$b/gateway/bench_gateway" --tags 1000,10000 "${gw[@]}" --out "$out/gateway.json"
+fi
 
 end_load=$(loadavg)
 end_date=$(date -u +%Y-%m-%dT%H:%M:%SZ)
@@ -154,7 +160,7 @@ cmdline="bash scripts/benchmarks.sh"
 [[ $quick -eq 1 ]] && cmdline+=" --quick"
 [[ $out != "$root/results" ]] && cmdline+=" --out ${out#"$root"/}"
 [[ -n $baseline ]] && cmdline+=" --baseline $baseline"
-[[ $only != "exchange,callgrind,read_list,mirror,throughput,profile,scaling" ]] && cmdline+=" --only $only"
+[[ $only != "exchange,callgrind,read_list,mirror,throughput,profile,scaling,gateway" ]] && cmdline+=" --only $only"
 /usr/bin/python3 - "$out/meta.json" <<EOF
 import json, sys
 commands = []

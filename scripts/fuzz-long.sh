@@ -4,7 +4,8 @@
 #
 # Usage: scripts/fuzz-long.sh TARGET|all SECONDS
 #   TARGET: fuzz_datacom, fuzz_address, fuzz_read_list, fuzz_data_access,
-#   fuzz_sequence, or all (one after the other).
+#   fuzz_sequence, fuzz_set_request (plcgate's set payloads), or all (one
+#   after the other).
 # Environment: FUZZ_BUILD_DIR (default build-fuzz), JOBS (build jobs),
 #   FUZZ_PARALLEL=2 runs two targets at a time (a 2-core machine has no room
 #   for more), KEEP_CORPUS=0 starts every run from the seeds instead of the
@@ -20,7 +21,7 @@ if [[ $# -ne 2 ]]; then
   exit 2
 fi
 which=$1 seconds=$2
-all_targets=(fuzz_datacom fuzz_address fuzz_read_list fuzz_data_access fuzz_sequence)
+all_targets=(fuzz_datacom fuzz_address fuzz_read_list fuzz_data_access fuzz_sequence fuzz_set_request)
 if [[ $which == all ]]; then
   targets=("${all_targets[@]}")
 else

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages a task needs, only when some are missing.
 # Usage: scripts/install-deps.sh GROUP...
-#   (groups: build test modbus fuzz profile leaks package qt6 sysroot arm64 armhf armel s390x board report)
+#   (groups: build test modbus fuzz profile leaks package qt6 sysroot arm64 armhf armel s390x board report gateway)
 # Safe to run any number of times; runs apt-get only when something is missing.
 set -euo pipefail
 
@@ -22,6 +22,9 @@ declare -A GROUPS_PKGS=(
   [profile]="valgrind"
   # The leak test of the shared library (dlopen/dlclose rounds under valgrind).
   [leaks]="valgrind"
+  # A broker and its clients for running plcgate (scripts/demo.sh, the
+  # gateway benchmark): Debian's mosquitto, mosquitto_sub and mosquitto_pub.
+  [gateway]="mosquitto mosquitto-clients"
   # The benchmark report (scripts/benchmarks.sh): charts with gnuplot, the
   # page written by Debian's /usr/bin/python3.
   [report]="gnuplot-nox python3"

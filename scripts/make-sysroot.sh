@@ -5,7 +5,7 @@
 #
 #   scripts/make-sysroot.sh ARCH
 #       the sysroot the cross builds compile and link against: Qt 5 Core,
-#       libmodbus, GoogleTest and nlohmann-json for development, in
+#       libmodbus, GoogleTest, nlohmann-json and libmosquitto for development, in
 #       build-sysroot/ARCH/.
 #       Made once; later runs reuse it while its package list is unchanged.
 #   scripts/make-sysroot.sh --board DIR ARCH DEB...
@@ -123,9 +123,9 @@ fi
 
 # The sysroot of the cross builds. libstdc++ and the C runtime start files
 # come with the cross compiler; the C library's headers and libraries, Qt,
-# libmodbus, GoogleTest and the JSON library of plcpoll (header-only) from
-# here.
-packages=(libc6-dev qtbase5-dev libmodbus-dev libgtest-dev nlohmann-json3-dev)
+# libmodbus, GoogleTest, the JSON library of plcpoll and plcgate
+# (header-only) and plcgate's MQTT client library (libmosquitto) from here.
+packages=(libc6-dev qtbase5-dev libmodbus-dev libgtest-dev nlohmann-json3-dev libmosquitto-dev)
 dir=$root/build-sysroot/$arch
 stamp="arch=$arch suite=bookworm packages=${packages[*]}"
 if [[ -f $dir/.plcdriver-sysroot && $(cat "$dir/.plcdriver-sysroot") == "$stamp" ]]; then

@@ -9,7 +9,9 @@
 #              dependencies, unpack them and build and run the example against
 #              the unpacked tree, and the unpacked programs; read the unpacked
 #              manual pages with man (no warnings; man finds plcpoll's page
-#              through MANPATH) and try the bash completions
+#              through MANPATH) and try the bash completions; plcgate's
+#              systemd unit and its configuration in /etc/plcgate (conffiles),
+#              the unit checked by systemd-analyze verify where systemd is
 # Cross builds pass their toolchain file, the emulator that runs the target's
 # programs (program and arguments separated by spaces), the Debian architecture and
 # the sysroot of the target; they use CMake for the example throughout.
@@ -19,6 +21,12 @@ toolchain=${8:-} emulator=${9:-} deb_arch=${10:-} sysroot=${11:-}
 read -r -a emulator_cmd <<<"$emulator"
 [[ -n "$deb_arch" ]] || deb_arch=$(dpkg --print-architecture)
 example=$src/examples/host-project
+# The programs of a build, in its folder; plcdriver-tools holds the ones built.
+program_paths=(tools/plcpoll/plcpoll simulator/plcsim tools/plcgate/plcgate)
+# plcgate's files outside /usr: its systemd unit and the sample configuration
+# with its tag file (conffiles in the package).
+gate_unit=lib/systemd/system/plcgate.service
+gate_conffiles=(etc/plcgate/plcgate.conf etc/plcgate/tags.csv)
 
 fail() {
   echo "FAIL: $*" >&2
@@ -42,6 +50,38 @@ check_completion() {
   got=$(bash -c 'source "$1"; COMP_WORDS=("$2" "$3"); COMP_CWORD=1; "_$2"; echo "${COMPREPLY[*]}"' _ "$@") ||
     fail "the completion $1 failed"
   [[ "$got" == "$4" ]] || fail "$1: '$2 $3' completes to '$got', expected '$4'"
+}
+
+# check_conffiles: plcdriver-tools marks exactly plcgate's /etc files as
+# conffiles, which dpkg keeps as the administrator changed them.
+check_conffiles() {
+  local got want
+  got=$(dpkg-deb -I "$work/plcdriver-tools_${version}_${deb_arch}.deb" conffiles 2>/dev/null | sort) ||
+    fail "plcdriver-tools has no conffiles"
+  want=$(printf '/%s\n' "${gate_conffiles[@]}" | sort)
+  [[ "$got" == "$want" ]] || fail "plcdriver-tools conffiles: '$(echo $got)', expected '$(echo $want)'"
+  echo "plcdriver-tools conffiles: $(echo $got)"
+}
+
+# check_unit ROOT: plcgate's unit under ROOT passes systemd-analyze verify
+# (its ExecStart names ROOT's plcgate, which must exist there). Needs
+# systemd, which this check does not install: without it, it says so.
+check_unit() {
+  local unit=$1/$gate_unit out
+  if ! command -v systemd-analyze >/dev/null; then
+    echo "SKIPPED: systemd-analyze verify of plcgate.service (systemd is not installed)"
+    return
+  fi
+  [[ -z "$emulator" ]] || {
+    echo "SKIPPED: systemd-analyze verify of plcgate.service (a cross build's plcgate cannot run here)"
+    return
+  }
+  mkdir -p "$work/unit"
+  sed "s|/usr/bin/plcgate|$1/usr/bin/plcgate|" "$unit" >"$work/unit/plcgate.service"
+  out=$(systemd-analyze verify --man=no "$work/unit/plcgate.service" 2>&1) ||
+    fail "systemd-analyze verify plcgate.service: $out"
+  [[ -z "$out" ]] || fail "systemd-analyze verify plcgate.service: $out"
+  echo "plcgate.service passes systemd-analyze verify"
 }
 
 # Runs a program built for the target (through the emulator in cross builds).
@@ -128,7 +168,7 @@ do_install() {
   # The programs, when this build has them, install into bin/ and run from
   # there with the installed library.
   local prog name
-  for prog in tools/plcpoll/plcpoll simulator/plcsim; do
+  for prog in "${program_paths[@]}"; do
     [[ -x "$build/$prog" ]] || continue
     name=$(basename "$prog")
     [[ -x "$work/prefix/bin/$name" ]] || fail "$name was not installed into bin/"
@@ -138,6 +178,13 @@ do_install() {
     [[ -f "$work/prefix/share/bash-completion/completions/$name" ]] || fail "the completion of $name was not installed"
     echo "installed $name runs"
   done
+  if [[ -x "$build/tools/plcgate/plcgate" ]]; then
+    local f
+    for f in "$gate_unit" "${gate_conffiles[@]}"; do
+      [[ -f "$work/prefix/$f" ]] || fail "plcgate's $f was not installed under the prefix"
+    done
+    echo "installed plcgate's unit and configuration under the prefix"
+  fi
   local f
   for f in "${functions[@]}"; do
     [[ -f "$work/prefix/share/man/man3/$f.3.gz" ]] || fail "the manual page $f(3) was not installed"
@@ -203,7 +250,7 @@ case $mode in
     [[ -n "$version" ]] || fail "no package version in $build/CPackConfig.cmake"
     packages=(libplcdriver1 libplcdriver-dev)
     programs=()
-    for prog in tools/plcpoll/plcpoll simulator/plcsim; do
+    for prog in "${program_paths[@]}"; do
       [[ -x "$build/$prog" ]] && programs+=("$(basename "$prog")")
     done
     [[ ${#programs[@]} -eq 0 ]] || packages+=(plcdriver-tools)
@@ -257,9 +304,16 @@ case $mode in
         bins+=("^\./usr/bin/$prog$" "^\./usr/share/man/man1/$prog\.1\.gz$"
           "^\./usr/share/bash-completion/completions/$prog$")
       done
+      if [[ " ${programs[*]} " == *" plcgate "* ]]; then
+        for f in "$gate_unit" "${gate_conffiles[@]}"; do bins+=("^\./${f//./\\.}$"); done
+      fi
       expect_files plcdriver-tools "${bins[@]}"
       depends_on plcdriver-tools "^libplcdriver1 \(= $version\)$" || fail "plcdriver-tools does not depend on libplcdriver1 (= $version)"
       depends_on plcdriver-tools '^libmodbus5( |$)' || fail "plcdriver-tools does not depend on libmodbus5"
+      if [[ " ${programs[*]} " == *" plcgate "* ]]; then
+        depends_on plcdriver-tools '^libmosquitto1( |$)' || fail "plcdriver-tools does not depend on libmosquitto1"
+        check_conffiles
+      fi
     fi
 
     # The unpacked packages work as an install tree (the CMake package and
@@ -297,6 +351,11 @@ case $mode in
       check_completion "$completions/plcsim" plcsim --sta "--stations --static"
       echo "unpacked completion of plcsim completes"
     fi
+    if [[ -f "$completions/plcgate" ]]; then
+      check_completion "$completions/plcgate" plcgate --plc.li --plc.link
+      echo "unpacked completion of plcgate completes"
+    fi
+    [[ ! -f "$work/root/$gate_unit" ]] || check_unit "$work/root"
     if [[ -z "$toolchain" ]]; then
       build_with_make "$LIBDIR"
     else

@@ -313,6 +313,39 @@ TEST(OutboxTest, WhenFullTheOldestChangesOfATagAreCoalesced)
     EXPECT_EQ(box.size(), 6u);
 }
 
+TEST(OutboxTest, TheLatestChangeOfEveryTagIsKeptPastTheLimit)
+{
+    // More tags than the limit: each tag's only message stays, the outbox
+    // grows by one per tag instead of losing a tag's last value.
+    Outbox box(2);
+    for (const char *tag : {"a", "b", "c", "d"})
+        box.push(value_message(tag, 1));
+    EXPECT_EQ(box.size(), 4u);
+    EXPECT_EQ(box.dropped(), 0u);
+    box.push(value_message("b", 2)); // b's older change gives way to its newer
+    box.push(value_message("e", 1)); // nothing can give way: kept too
+    EXPECT_EQ(box.dropped(), 1u);
+    std::vector<std::string> order;
+    for (int mid = 1; box.next(); ++mid) {
+        order.push_back(box.next()->topic.substr(15) + box.next()->payload);
+        box.handed(mid);
+    }
+    EXPECT_EQ(order, (std::vector<std::string>{"a1", "c1", "d1", "b2", "e1"}));
+}
+
+TEST(OutboxTest, ATagWithSeveralWaitingGivesWayToAnotherTagsChange)
+{
+    Outbox box(3);
+    box.push(value_message("a", 1));
+    box.push(value_message("a", 2));
+    box.push(value_message("b", 1));
+    box.push(value_message("c", 1)); // full: a, with two waiting, gives its oldest
+    box.push(value_message("d", 1)); // now every tag has one: nothing goes
+    EXPECT_EQ(box.dropped(), 1u);
+    EXPECT_EQ(box.size(), 4u);
+    EXPECT_EQ(box.next()->payload, "2");
+}
+
 TEST(TagWatch, ChangesQualityRefreshAndDeadband)
 {
     GateTag t{tag("flow,4,0,1,1,int16"), false, 5.0};

@@ -5,11 +5,14 @@
 // once it is connected again, and what it was not handed waits here.
 //
 // The outbox holds at most `limit` messages. When a new one would go past
-// that, the oldest change of a tag still waiting makes room: that of the
-// new message's own tag first, then that of the first tag with more than
-// one waiting, then the oldest waiting of any tag. Each such message is
-// counted as dropped; what a consumer misses shows as a gap in the tag's
-// seq. Messages without a tag (acks) are never dropped.
+// that, an older change of a tag still waiting makes room: that of the new
+// message's own tag first, else the oldest waiting change of some tag that
+// has more than one waiting. Each such message is counted as dropped; what a
+// consumer misses shows as a gap in the tag's seq. The latest change of
+// every tag is never dropped, nor are messages without a tag (acks, the
+// status): when nothing else can go, the outbox grows past its limit, by at
+// most one message per tag, so a consumer always gets every tag's last
+// value.
 #ifndef PLCGATE_OUTBOX_H
 #define PLCGATE_OUTBOX_H
 
@@ -20,6 +23,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace plcgate {
 
@@ -60,14 +64,16 @@ private:
     };
     using Iter = std::list<Entry>::iterator;
 
-    bool drop_one(const std::string &tag);
+    void make_room(const std::string &tag);
     void drop(Iter it);
+    void forget_waiting(const std::string &tag);
 
     size_t limit_;
     std::list<Entry> entries_;            // handed over first, then waiting
     Iter first_waiting_ = entries_.end(); // the first not handed over
     std::map<int, Iter> by_mid_;
     std::unordered_map<std::string, std::deque<Iter>> waiting_by_tag_; // oldest first
+    std::unordered_set<std::string> crowded_;                          // the tags with more than one waiting
     uint64_t dropped_ = 0;
     uint64_t acked_ = 0;
 };

@@ -290,6 +290,18 @@ TEST(TagsCodec, AsciiLeavesOutTheNulPaddingAndEscapesOtherBytes)
     EXPECT_EQ(odd.value(), (std::vector<uint64_t>{0x6162, 0x6300}));
 }
 
+TEST(TagsCodec, AsciiBytesAboveTheSevenBitRangeStayBytes)
+{
+    // 0xC3 0xA9 (UTF-8 of e-acute) over a byte kind: two bytes, not widened
+    // through a signed char to 0xFFC3.
+    const auto bytes = plctags::encode(typed(8, 2, T::Ascii), {"\xC3\xA9"});
+    ASSERT_TRUE(bytes.ok()) << bytes.why();
+    EXPECT_EQ(bytes.value(), (std::vector<uint64_t>{0xC3, 0xA9}));
+    const auto words = plctags::encode(typed(kWord, 1, T::Ascii), {"\xC3\xA9"});
+    ASSERT_TRUE(words.ok()) << words.why();
+    EXPECT_EQ(words.value(), (std::vector<uint64_t>{0xC3A9}));
+}
+
 struct Raw {
     int kind;
     std::vector<uint64_t> values;

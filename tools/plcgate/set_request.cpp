@@ -89,18 +89,6 @@ plctags::Parsed<std::string> value_text(const plctags::Tag &tag, const json &v)
     return plctags::real_text(v.get<double>());
 }
 
-// The tags' codec gives a byte kind's ascii bytes from signed chars, so a
-// byte above 0x7F comes as a value wider than the kind (0xFFC3 for 0xC3);
-// the byte is what is meant, and what the host writes.
-void keep_value_width(int kind, std::vector<uint64_t> *values)
-{
-    const int bits = plchost::value_bits(kind);
-    if (bits <= 0 || bits >= 64)
-        return;
-    for (uint64_t &v : *values)
-        v &= (uint64_t(1) << bits) - 1;
-}
-
 // Values a read of the tag shows: one text for ascii, else one per value.
 size_t shown_values(const plctags::Tag &tag)
 {
@@ -146,8 +134,6 @@ plctags::Parsed<std::vector<uint64_t>> set_values(const plctags::Tag &tag, const
     if (!values.ok())
         return refuse(values.why());
     std::vector<uint64_t> out = std::move(values).value();
-    if (tag.type == plctags::ValueType::Ascii)
-        keep_value_width(tag.plc.kind, &out);
     const size_t raw = size_t(plchost::value_count(tag.plc.kind, tag.plc.count));
     if (out.size() < raw && tag.type == plctags::ValueType::Ascii)
         out.resize(raw, 0);

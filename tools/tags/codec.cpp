@@ -310,7 +310,8 @@ Parsed<std::vector<uint16_t>> ascii_units(const Tag &tag, const std::vector<std:
     const std::string &text = texts[0];
     std::vector<uint16_t> units;
     if (units_kind(tag.plc.kind) != Units::Registers) {
-        units.assign(text.begin(), text.end());
+        for (const unsigned char c : text) // a byte, not a (signed) char widened
+            units.push_back(c);
         return units;
     }
     // Two bytes a register; an odd text ends in a NUL.

@@ -99,7 +99,7 @@ else
   # Many short rounds: a burst of other load spoils few pairs.
   tp=(--rounds 15 --seconds 0.5)
   sc=(--rounds 2 --seconds 1.5)
-  gw=(--changes 300 --seconds 5 --ceiling 100000)
+  gw=(--changes 300 --seconds 5 --ceiling 20000)
 fi
 gb+=(--benchmark_enable_random_interleaving=true --benchmark_out_format=json)
 

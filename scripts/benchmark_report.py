@@ -400,7 +400,7 @@ def gateway_section(gw, meta, w, summary):
       "reads. Updates are tag messages the subscriber received per second; CPU is plcgate's user + system time "
       "(/proc/PID/stat) over the same window.\n")
     w("| changing tags | updates/s | share of the broker's ceiling | plcgate CPU µs per update | plcgate CPU "
-      "(share of one core) | broker CPU s | plcsim CPU s | writer passes/s | coalesced (stats) |")
+      "(share of one core) | broker CPU s | plcsim CPU s | writer passes/s | changes coalesced (whole run) |")
     w("|---|---|---|---|---|---|---|---|---|")
     for r in gw.get("throughput", []):
         w(f"| {r['tags']:,} | {fmt(r['updates_per_s'])} | {r['updates_per_s'] / top * 100:.0f} % | "

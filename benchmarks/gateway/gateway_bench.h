@@ -191,7 +191,8 @@ struct Sample {
 };
 
 // One measurement's processes: broker, plcsim (--static), the subscriber and
-// plcgate with [gateway] refresh 0 (only changes are published).
+// plcgate with [gateway] refresh 0 (only changes are published) and the
+// default buffer.
 class Bench {
 public:
     // The tag file's text, plcgate's [plc] interval, and how many tag
@@ -221,7 +222,8 @@ public:
             std::fprintf(stderr, "bench_gateway: plcgate's process not found: no CPU figures\n");
         broker_pid_ = find_pid(dir_.file("broker.conf"));
         if (!gatetest::eventually([&] { return subscriber_->tag_messages() >= first_messages; }, kFirstValues))
-            return fail("plcgate did not publish every tag: " + gate_->log());
+            return fail("plcgate published " + std::to_string(subscriber_->tag_messages()) + " of the first " +
+                        std::to_string(first_messages) + " tag messages: " + gate_->log());
         started_ = Clock::now();
         return true;
     }

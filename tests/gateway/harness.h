@@ -15,7 +15,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -32,8 +31,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-extern char **environ;
 
 namespace gatetest {
 
@@ -164,20 +161,9 @@ public:
 
     bool start()
     {
-        std::vector<char *> args;
-        for (std::string &a : argv_)
-            args.push_back(a.data());
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t files;
-        posix_spawn_file_actions_init(&files);
-        posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&files, 1, out_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        posix_spawn_file_actions_addopen(&files, 2, err_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        const int rc = ::posix_spawnp(&pid_, args[0], &files, nullptr, args.data(), environ);
-        posix_spawn_file_actions_destroy(&files);
-        if (rc != 0)
-            pid_ = -1;
-        return rc == 0;
+        int rc = 0;
+        pid_ = testsupport::spawn_process(argv_, out_, err_, testsupport::OutputFiles::Append, &rc);
+        return pid_ > 0;
     }
 
     bool running()

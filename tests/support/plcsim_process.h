@@ -12,10 +12,11 @@
 #ifndef PLCSIM_PROCESS_H
 #define PLCSIM_PROCESS_H
 
+#include "spawn_process.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -30,8 +31,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-extern char **environ;
 
 class PlcsimProcess {
 public:
@@ -201,22 +200,10 @@ private:
     static pid_t spawn(const std::vector<std::string> &args, const std::string &out_path, const std::string &err_path,
                        std::string &error)
     {
-        std::vector<char *> argv;
-        for (const std::string &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = -1;
-        int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) {
+        int rc = 0;
+        const pid_t pid = testsupport::spawn_process(args, out_path, err_path, testsupport::OutputFiles::Truncate, &rc);
+        if (pid < 0)
             error = "cannot start " + args[0] + ": " + std::strerror(rc);
-            return -1;
-        }
         return pid;
     }
 

@@ -5,6 +5,7 @@
 #include "ini_text.h"
 #include "messages.h"
 #include "outbox.h"
+#include "reply_index.h"
 #include "set_request.h"
 #include "tag_file.h"
 #include "tag_set.h"
@@ -344,6 +345,64 @@ TEST(OutboxTest, ATagWithSeveralWaitingGivesWayToAnotherTagsChange)
     EXPECT_EQ(box.dropped(), 1u);
     EXPECT_EQ(box.size(), 4u);
     EXPECT_EQ(box.next()->payload, "2");
+}
+
+std::vector<bool> covered(const TagIndex &index, int station, plchost::ClassRange span, size_t tags)
+{
+    std::vector<bool> marks(tags, false);
+    index.mark_covered(station, span, &marks);
+    return marks;
+}
+
+TEST(TagIndexTest, AReplyMarksExactlyTheTagsWhoseValuesItStored)
+{
+    const std::vector<plchost::Tag> tags = {
+        {"a", 4, "10", 1, 2},   // registers 10 and 11 of station 1
+        {"b", 4, "20", 1, 1},   // register 20
+        {"c", 4, "10", 2, 1},   // station 2
+        {"d", 0, "1.2", 1, 1},  // a bit: another class
+        {"bad", 4, "zz", 1, 1}, // no place: only the full looks see it
+    };
+    const TagIndex index(tags);
+    const int words = plchost::class_range(tags[0])->cls;
+    const int bits = plchost::class_range(tags[3])->cls;
+    ASSERT_NE(words, bits);
+    const size_t n = tags.size();
+    using Marks = std::vector<bool>;
+    EXPECT_EQ(covered(index, 1, {words, 11, 5}, n), (Marks{true, false, false, false, false}));
+    EXPECT_EQ(covered(index, 1, {words, 12, 8}, n), (Marks{false, false, false, false, false})); // between a and b
+    EXPECT_EQ(covered(index, 1, {words, 0, 100}, n), (Marks{true, true, false, false, false}));
+    EXPECT_EQ(covered(index, 1, {words, 19, 2}, n), (Marks{false, true, false, false, false}));
+    EXPECT_EQ(covered(index, 2, {words, 10, 1}, n), (Marks{false, false, true, false, false}));
+    const int64_t d_bit = plchost::class_range(tags[3])->start;
+    EXPECT_EQ(covered(index, 1, {bits, d_bit, 1}, n), (Marks{false, false, false, true, false}));
+    EXPECT_EQ(covered(index, 1, {bits, d_bit + 1, 8}, n), (Marks{false, false, false, false, false}));
+    EXPECT_EQ(covered(index, 3, {words, 0, 100}, n), (Marks{false, false, false, false, false}));
+}
+
+TEST(ReplyLogTest, SpansUntilTakenAndAllWhenAnythingElseHappened)
+{
+    ReplyLog log;
+    bool all = true;
+    EXPECT_TRUE(log.take(&all).empty());
+    EXPECT_FALSE(all);
+    log.add(1, {4, 10, 2});
+    log.add(2, {4, 0, 1});
+    auto spans = log.take(&all);
+    EXPECT_FALSE(all);
+    ASSERT_EQ(spans.size(), 2u);
+    EXPECT_EQ(spans[1].station, 2);
+    log.add(1, {4, 10, 2});
+    log.add_all();
+    log.add(1, {4, 10, 2});
+    spans = log.take(&all);
+    EXPECT_TRUE(all);
+    EXPECT_TRUE(spans.empty());
+    for (int i = 0; i < 5000; ++i) // more than are worth keeping one by one
+        log.add(1, {4, i, 1});
+    spans = log.take(&all);
+    EXPECT_TRUE(all);
+    EXPECT_TRUE(spans.size() < 5000u);
 }
 
 TEST(TagWatch, ChangesQualityRefreshAndDeadband)

@@ -1,6 +1,7 @@
 #include "gateway.h"
 
 #include "messages.h"
+#include "Register_Kinds.h"
 #include "tag_set.h"
 
 #include <algorithm>
@@ -26,6 +27,17 @@ constexpr int kGoodLocal = 1, kGoodRemote = 100;
 // A connection attempt to a PLC waits as long as a reply, but not less.
 constexpr milliseconds kShortestConnect{200};
 
+// The part of the mirror a good read reply stored, as the host's read
+// times keep it.
+plchost::ClassRange stored_span(const plchost::ReplyEvent &e)
+{
+    plchost::ClassRange r;
+    r.cls = plckinds::class_of(e.reg_kind);
+    r.start = e.start_addr;
+    r.count = e.count;
+    return r;
+}
+
 plchost::HostConfig host_config(const GateConfig &c)
 {
     plchost::HostConfig h = c.host;
@@ -48,9 +60,12 @@ Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
 {
     host_.set_reply_hook([this](const plchost::ReplyEvent &e) {
         const bool good = e.status == kGoodLocal || e.status == kGoodRemote;
-        if (e.write && good)
-            return;
-        fresh_ = true;
+        if (good && !e.to_mirror)
+            return; // a write, or the read before a bit write: no new values
+        if (good)
+            replies_.add(e.station, stored_span(e));
+        else
+            replies_.add_all(); // a failure can change any tag's quality
         wake_.notify();
     });
     host_.set_write_done_hook([this](int, int source_type, int source_id, int result) {
@@ -58,6 +73,7 @@ Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
         wake_.notify();
     });
     host_.set_tags(host_tags());
+    index_ = TagIndex(host_tags());
 }
 
 std::vector<plchost::Tag> Gateway::host_tags() const
@@ -88,9 +104,14 @@ int Gateway::run(const std::atomic<bool> &stop, std::atomic<bool> &reload)
             reload_tags();
         take_mqtt_events();
         const auto now = Clock::now();
-        if (fresh_.exchange(false) || now >= next_scan) {
-            scan(now);
+        bool all = false;
+        const auto spans = replies_.take(&all);
+        if (all || now >= next_scan) {
+            scan(now, nullptr);
             next_scan = now + kFullScanPeriod;
+        } else if (!spans.empty()) {
+            const std::vector<bool> replied = replied_tags(spans);
+            scan(now, &replied);
         }
         send_acks(writes_.settle(now));
         if (now >= next_stats) {
@@ -132,11 +153,22 @@ void Gateway::send_acks(const std::vector<Writes::Outcome> &acks)
         outbox_.push(Message{ack_topic(config_.name, o.tag), ack_payload(o.ack), false, {}});
 }
 
-void Gateway::scan(Clock::time_point now)
+std::vector<bool> Gateway::replied_tags(const std::vector<ReplyLog::Span> &spans) const
+{
+    std::vector<bool> marks(tags_.size(), false);
+    for (const ReplyLog::Span &s : spans)
+        index_.mark_covered(s.station, s.range, &marks);
+    return marks;
+}
+
+void Gateway::scan(Clock::time_point now, const std::vector<bool> *only)
 {
     const std::chrono::seconds refresh(config_.refresh_s);
     plchost::Reading reading;
-    for (const GateTag &t : tags_) {
+    for (size_t i = 0; i < tags_.size(); ++i) {
+        if (only && !(*only)[i])
+            continue;
+        const GateTag &t = tags_[i];
         host_.read(t.tag.plc, &reading);
         const std::string &name = t.tag.plc.name;
         if (auto payload = due_payload(t, &states_[name], reading, now, refresh))
@@ -208,6 +240,7 @@ void Gateway::reload_tags()
         s.second.published = false; // published once more, with the next seq
     tags_ = std::move(tags);
     host_.set_tags(host_tags());
+    index_ = TagIndex(host_tags());
     std::cerr << "plcgate: read " << tags_.size() << " tags from " << config_.tags_path << "\n";
 }
 

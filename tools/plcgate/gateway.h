@@ -9,6 +9,7 @@
 #include "config.h"
 #include "mqtt_client.h"
 #include "outbox.h"
+#include "reply_index.h"
 #include "tag_watch.h"
 #include "wake.h"
 #include "writes.h"
@@ -41,7 +42,10 @@ private:
     void take_mqtt_events();
     void on_set(const std::string &topic, const std::string &payload);
     void send_acks(const std::vector<Writes::Outcome> &acks);
-    void scan(Clock::time_point now);
+    // Looks at the tags flagged in `only` (all of them when null) and
+    // publishes what is due.
+    void scan(Clock::time_point now, const std::vector<bool> *only);
+    std::vector<bool> replied_tags(const std::vector<ReplyLog::Span> &spans) const;
     void flush();
     void publish_stats();
     void reload_tags();
@@ -56,7 +60,8 @@ private:
     MqttClient mqtt_;
     Outbox outbox_;
     Writes writes_;
-    std::atomic<bool> fresh_{false}; // replies came since the last scan
+    TagIndex index_;                 // where each tag's values lie
+    ReplyLog replies_;               // what replies brought since the last look
     uint64_t connections_taken_ = 0; // Connected events taken from the client
     bool resend_first_ = false;      // the client sends again what it had, before anything new
     const Clock::time_point started_ = Clock::now();

@@ -93,6 +93,12 @@ tail -3 "$work/plcsim.log"
 # configuration (tools/plcgate/plcgate.conf and tags.csv, as installed in
 # /etc/plcgate) pointed at this plcsim and this broker, and mosquitto_sub as
 # the consumer.
+gateway_failed() {
+  echo "demo: $1; plcgate's log:" >&2
+  cat "$work/plcgate.log" >&2
+  exit 1
+}
+
 gateway_demo() {
   local mport topic=plcgate/line1
   mport=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
@@ -110,20 +116,23 @@ gateway_demo() {
   gate_pid=$!
   echo
   echo "==== mosquitto_sub -t '$topic/#': the first 12 messages (status and tags, retained ones first)"
-  mosquitto_sub -p "$mport" -v -t "$topic/status" -t "$topic/tags/+" -C 12 -W 15 || true
+  # The broker by its address: a minimal system may have no name for localhost.
+  mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t "$topic/status" -t "$topic/tags/+" -C 12 -W 15 ||
+    gateway_failed "no messages from plcgate"
   echo
   echo "==== mosquitto_pub to $topic/tags/setpoint/set: {\"value\": 21.5, \"id\": \"demo-1\"}; its ack and the new value"
-  mosquitto_sub -p "$mport" -v -t "$topic/tags/setpoint/ack" -C 1 -W 10 >"$work/ack.out" &
+  mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t "$topic/tags/setpoint/ack" -C 1 -W 10 >"$work/ack.out" &
   local ack_pid=$!
   sleep 0.5
-  mosquitto_pub -p "$mport" -q 1 -t "$topic/tags/setpoint/set" -m '{"value": 21.5, "id": "demo-1"}'
+  mosquitto_pub -h 127.0.0.1 -p "$mport" -q 1 -t "$topic/tags/setpoint/set" -m '{"value": 21.5, "id": "demo-1"}'
   wait "$ack_pid" || true
   cat "$work/ack.out"
-  mosquitto_sub -p "$mport" -v -t "$topic/tags/setpoint" -C 1 -W 5 || true
+  grep -q '"result": "ok"' "$work/ack.out" || gateway_failed "the set was not acknowledged ok"
+  mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t "$topic/tags/setpoint" -C 1 -W 5 || true
   echo
   echo "==== stopping plcgate (SIGTERM): the broker keeps its status"
   stop "$gate_pid"
-  mosquitto_sub -p "$mport" -v -t "$topic/status" -C 1 -W 5 || true
+  mosquitto_sub -h 127.0.0.1 -p "$mport" -v -t "$topic/status" -C 1 -W 5 || true
   stop "$broker_pid"
 }
 echo

@@ -4,9 +4,10 @@
 #ifndef PLCPOLL_RESULT_H
 #define PLCPOLL_RESULT_H
 
+#include "parsed.h"
+
 #include <string>
 #include <utility>
-#include <variant>
 
 namespace plcpoll {
 
@@ -32,18 +33,10 @@ inline Exit failure(std::string message = {})
 }
 
 // A value, or the Exit that stands in its place.
-template <typename T> class Result {
+template <typename T> class Result : public plctags::Outcome<T, Exit> {
 public:
-    Result(T value) : state_(std::move(value)) {}
-    Result(Exit exit) : state_(std::move(exit)) {}
-
-    bool ok() const { return std::holds_alternative<T>(state_); }
-    const T &value() const & { return std::get<T>(state_); }
-    T &&value() && { return std::get<T>(std::move(state_)); }
-    const Exit &exit() const { return std::get<Exit>(state_); }
-
-private:
-    std::variant<T, Exit> state_;
+    using plctags::Outcome<T, Exit>::Outcome;
+    const Exit &exit() const { return this->error(); }
 };
 
 } // namespace plcpoll

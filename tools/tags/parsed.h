@@ -20,19 +20,27 @@ inline Refusal refuse(std::string why)
     return Refusal{std::move(why)};
 }
 
-// A value, or the Refusal that stands in its place.
-template <typename T> class Parsed {
+// A value, or the error that stands in its place (the tools' results share
+// this shape; each names its error type).
+template <typename T, typename Error> class Outcome {
 public:
-    Parsed(T value) : state_(std::move(value)) {}
-    Parsed(Refusal refusal) : state_(std::move(refusal)) {}
+    Outcome(T value) : state_(std::move(value)) {}
+    Outcome(Error error) : state_(std::move(error)) {}
 
     bool ok() const { return std::holds_alternative<T>(state_); }
     const T &value() const & { return std::get<T>(state_); }
     T &&value() && { return std::get<T>(std::move(state_)); }
-    const std::string &why() const { return std::get<Refusal>(state_).why; }
+    const Error &error() const { return std::get<Error>(state_); }
 
 private:
-    std::variant<T, Refusal> state_;
+    std::variant<T, Error> state_;
+};
+
+// A value, or the Refusal that stands in its place.
+template <typename T> class Parsed : public Outcome<T, Refusal> {
+public:
+    using Outcome<T, Refusal>::Outcome;
+    const std::string &why() const { return this->error().why; }
 };
 
 } // namespace plctags

@@ -190,12 +190,8 @@ bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
 // A good read stored its block in the mirror: remember when.
 void Host::note_read(const ReplyEvent &ev)
 {
-    ClassRange range;
-    range.cls = plckinds::class_of(ev.reg_kind);
-    range.start = ev.start_addr;
-    range.count = ev.count;
     std::lock_guard<std::mutex> lock(mutex_);
-    read_times_->note(ev.station, range, std::chrono::system_clock::now());
+    read_times_->note(ev.station, class_range(ev), std::chrono::system_clock::now());
 }
 
 // Delivers the callbacks the driver made inside DataCom. With `hooks`, the

@@ -27,6 +27,15 @@ std::optional<ClassRange> class_range(const Tag &tag)
     return r;
 }
 
+ClassRange class_range(const ReplyEvent &read)
+{
+    ClassRange r;
+    r.cls = plckinds::class_of(read.reg_kind);
+    r.start = read.start_addr;
+    r.count = read.count;
+    return r;
+}
+
 void ReadTimes::note(int station, const ClassRange &range, Time when)
 {
     if (range.count <= 0)

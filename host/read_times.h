@@ -20,6 +20,7 @@
 namespace plchost {
 
 struct Tag;
+struct ReplyEvent;
 
 // A part of a register class: [start, start + count) in the class's units.
 struct ClassRange {
@@ -31,6 +32,11 @@ struct ClassRange {
 // The part of its register class a tag's values lie in; nothing for a kind
 // that is not known or an address text that does not parse.
 std::optional<ClassRange> class_range(const Tag &tag);
+
+// The part of its register class a read request's reply brings into the
+// mirror (the request's converted kind, start and count are in the class's
+// units already).
+ClassRange class_range(const ReplyEvent &read);
 
 class ReadTimes {
 public:

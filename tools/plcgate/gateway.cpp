@@ -1,7 +1,6 @@
 #include "gateway.h"
 
 #include "messages.h"
-#include "Register_Kinds.h"
 #include "tag_set.h"
 
 #include <algorithm>
@@ -26,17 +25,6 @@ constexpr milliseconds kStopStep{20};
 constexpr int kGoodLocal = 1, kGoodRemote = 100;
 // A connection attempt to a PLC waits as long as a reply, but not less.
 constexpr milliseconds kShortestConnect{200};
-
-// The part of the mirror a good read reply stored, as the host's read
-// times keep it.
-plchost::ClassRange stored_span(const plchost::ReplyEvent &e)
-{
-    plchost::ClassRange r;
-    r.cls = plckinds::class_of(e.reg_kind);
-    r.start = e.start_addr;
-    r.count = e.count;
-    return r;
-}
 
 plchost::HostConfig host_config(const GateConfig &c)
 {
@@ -63,7 +51,7 @@ Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
         if (good && !e.to_mirror)
             return; // a write, or the read before a bit write: no new values
         if (good)
-            replies_.add(e.station, stored_span(e));
+            replies_.add(e.station, plchost::class_range(e));
         else
             replies_.add_all(); // a failure can change any tag's quality
         wake_.notify();

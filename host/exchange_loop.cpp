@@ -27,15 +27,6 @@ struct Host::Request {
     ReplyEvent ev;
 };
 
-namespace {
-
-bool is_good(int status)
-{
-    return status == 1 || status == 100;
-}
-
-} // namespace
-
 void Host::run()
 {
     for (;;) {
@@ -91,12 +82,12 @@ bool Host::exchange_once()
     ev.bytes = int(wire.reply.size());
     ev.timed_out = wire.timed_out;
     if (!to_all)
-        links_[size_t(ev.endpoint)]->settle(wire, is_good(ev.status));
+        links_[size_t(ev.endpoint)]->settle(wire, ReplyEvent::is_good(ev.status));
     // The driver clears retry_count only when it gives a request up; the
     // host clears it after a good reply (docs/exchange-cycle.md).
-    if (is_good(ev.status))
+    if (ReplyEvent::is_good(ev.status))
         com_info_->retry_count = 0;
-    if (is_good(ev.status) && ev.to_mirror)
+    if (ReplyEvent::is_good(ev.status) && ev.to_mirror)
         note_read(ev);
     const bool pass_done = count_outcome(ev, wire);
     deliver_callbacks(true);
@@ -151,7 +142,7 @@ template <typename Figures> void tally(Figures &f, int status, const WireOutcome
         f.rtt_sum_ms += wire.rtt_ms;
         ++f.rtt_samples;
     }
-    if (is_good(status)) {
+    if (ReplyEvent::is_good(status)) {
         ++f.good_replies;
         return;
     }
@@ -169,12 +160,12 @@ bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
     tally(stats_, ev.status, wire);
     StationStats &station = stats_.stations[ev.station];
     tally(station, ev.status, wire);
-    if (is_good(ev.status))
+    if (ReplyEvent::is_good(ev.status))
         station.failing = false;
     else if (ev.status != 0)
         station.failing = true;
     ++stats_.codes[ev.status];
-    if (!is_good(ev.status) || com_info_->cycle_done != 1)
+    if (!ReplyEvent::is_good(ev.status) || com_info_->cycle_done != 1)
         return false;
     if (cyclic_entries_.load() == 0) {
         // Without a cyclic list every good reply "completes a pass"; that is
@@ -230,7 +221,7 @@ bool Host::pace(const ReplyEvent &ev, bool pass_done)
         com_info_->cycle_done = 0;
         return go_on;
     }
-    if (!is_good(ev.status) && ev.status != 0)
+    if (!ReplyEvent::is_good(ev.status) && ev.status != 0)
         return sleep_for(config_.poll_interval, true);
     return true;
 }

@@ -389,7 +389,7 @@ DoneResult Host::wait_done(int source_type, int source_id, std::chrono::millisec
         return DoneResult::TimedOut;
     const int result = done_[key];
     done_.erase(key);
-    return result == 1 ? DoneResult::Ok : DoneResult::Failed;
+    return result == int(DoneResult::Ok) ? DoneResult::Ok : DoneResult::Failed;
 }
 
 bool Host::wait_passes(uint64_t count, std::chrono::milliseconds timeout)
@@ -486,7 +486,7 @@ void Host::notify_done(int source_type, int source_id, int result)
         done_.erase(done_order_.front());
         done_order_.pop_front();
     }
-    if (result == 1)
+    if (result == int(DoneResult::Ok))
         ++stats_.write_done_ok;
     else
         ++stats_.write_done_failed;

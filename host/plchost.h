@@ -129,6 +129,11 @@ struct ReplyEvent {
     int bytes = 0;          // reply bytes handed to DataCom
     bool timed_out = false;
     int status = 0; // ret_var status: 0 retry, 1/100 good, else error code
+
+    // DataCom's codes of a good reply: on the local area and on the remote one.
+    static constexpr int kGoodLocal = 1, kGoodRemote = 100;
+    bool good() const { return is_good(status); }
+    static bool is_good(int status) { return status == kGoodLocal || status == kGoodRemote; }
 };
 
 enum class FrameDirection { Sent, Received };
@@ -151,7 +156,8 @@ using WriteDoneHook = std::function<void(int host_handle, int source_type, int s
 using ReadDoneHook = std::function<void(int source_type, int flag)>;
 using ReplyHook = std::function<void(const ReplyEvent &)>;
 
-// Result of waiting for a write or one-shot read.
+// Result of waiting for a write or one-shot read; Ok and Failed are also
+// the write-done hook's `result` values.
 enum class DoneResult { Ok = 1, Failed = 2, TimedOut = 0 };
 
 class Host {

@@ -21,8 +21,6 @@ constexpr auto kStatsPeriod = std::chrono::seconds(5);
 constexpr milliseconds kDrainWait{2000};
 constexpr milliseconds kOfflineWait{2000};
 constexpr milliseconds kStopStep{20};
-// DataCom's codes of a good reply (local and remote area).
-constexpr int kGoodLocal = 1, kGoodRemote = 100;
 // A connection attempt to a PLC waits as long as a reply, but not less.
 constexpr milliseconds kShortestConnect{200};
 
@@ -47,7 +45,7 @@ Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
       mqtt_(config_.mqtt, status_topic(config_.name), wake_), outbox_(config_.buffer), writes_(answer_wait(config_))
 {
     host_.set_reply_hook([this](const plchost::ReplyEvent &e) {
-        const bool good = e.status == kGoodLocal || e.status == kGoodRemote;
+        const bool good = e.good();
         if (good && !e.to_mirror)
             return; // a write, or the read before a bit write: no new values
         if (good)

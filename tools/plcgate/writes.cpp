@@ -8,8 +8,8 @@ namespace {
 
 // Ids remembered for repeated sets.
 constexpr size_t kRemembered = 4096;
-// The write-done callback's results.
-constexpr int kDoneOk = 1, kDoneFailed = 2;
+// The write-done callback's results, as the host names them.
+constexpr int kDoneOk = int(plchost::DoneResult::Ok), kDoneFailed = int(plchost::DoneResult::Failed);
 
 // Why a tag cannot take this value, or the host values that write it.
 plctags::Parsed<std::vector<uint64_t>> checked_values(const GateTag *t, const std::string &name,

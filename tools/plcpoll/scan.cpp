@@ -19,7 +19,6 @@ constexpr int kProbeSource = 3;
 // Unit identifiers of stations; 0 is the broadcast address, which no
 // station answers, and 248..255 are reserved.
 constexpr int kFirstUnit = 1, kLastUnit = 247;
-constexpr int kGoodLocalReply = 1, kGoodRemoteReply = 100;
 // A Modbus TCP exception reply: the MBAP header, the function code with its
 // high bit set, the exception code.
 constexpr size_t kMbapSize = 7, kExceptionSize = 9;
@@ -80,7 +79,7 @@ Probe classify(int station, const plchost::ReplyEvent &e, const std::vector<uint
     Probe p;
     p.station = station;
     p.code = e.status;
-    if (e.status == kGoodLocalReply || e.status == kGoodRemoteReply) {
+    if (e.good()) {
         p.answer = Answer::Reply;
     } else if (reply.empty()) {
         p.answer = Answer::Silence;

@@ -6,22 +6,16 @@ namespace plcpoll {
 
 namespace {
 
-// DataCom's return codes of a good reply for a local-area and a remote-area
-// variable (docs/integrating.md, return codes).
-constexpr int kGoodLocalReply = 1, kGoodRemoteReply = 100;
-// The write-done callback's result of a request that was answered.
-constexpr int kWriteDoneOk = 1;
-
 void install_debug_log(plchost::Host &host)
 {
     host.set_reply_hook([](const plchost::ReplyEvent &e) {
-        if (e.status != kGoodLocalReply && e.status != kGoodRemoteReply)
+        if (!e.good())
             qWarning("request to station %d (kind %d, address %d, count %d) failed: code %d, %d bytes%s", e.station,
                      e.reg_kind, e.start_addr, e.count, e.status, e.bytes, e.timed_out ? ", no reply" : "");
     });
     host.set_write_done_hook([](int, int source_type, int source_id, int result) {
         qInfo("request %d/%d finished: %s", source_type, source_id,
-              result == kWriteDoneOk ? "ok" : "communication failed");
+              result == int(plchost::DoneResult::Ok) ? "ok" : "communication failed");
     });
     host.set_read_done_hook([](int source_type, int) { qWarning("request of type %d given up", source_type); });
 }

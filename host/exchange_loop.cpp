@@ -87,8 +87,6 @@ bool Host::exchange_once()
     // host clears it after a good reply (docs/exchange-cycle.md).
     if (ReplyEvent::is_good(ev.status))
         com_info_->retry_count = 0;
-    if (ReplyEvent::is_good(ev.status) && ev.to_mirror)
-        note_read(ev);
     const bool pass_done = count_outcome(ev, wire);
     deliver_callbacks(true);
     if (reply_hook_)
@@ -153,10 +151,13 @@ template <typename Figures> void tally(Figures &f, int status, const WireOutcome
         ++f.give_ups;
 }
 
-// Counts one outcome. True when it ended a full pass over the cyclic list.
+// Counts one outcome, and notes when a good read stored its block in the
+// mirror. True when it ended a full pass over the cyclic list.
 bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
 {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (ev.good() && ev.to_mirror)
+        read_times_->note(ev.station, class_range(ev), std::chrono::system_clock::now());
     tally(stats_, ev.status, wire);
     StationStats &station = stats_.stations[ev.station];
     tally(station, ev.status, wire);
@@ -176,13 +177,6 @@ bool Host::count_outcome(const ReplyEvent &ev, const WireOutcome &wire)
     ++stats_.passes;
     done_cv_.notify_all();
     return true;
-}
-
-// A good read stored its block in the mirror: remember when.
-void Host::note_read(const ReplyEvent &ev)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    read_times_->note(ev.station, class_range(ev), std::chrono::system_clock::now());
 }
 
 // Delivers the callbacks the driver made inside DataCom. With `hooks`, the

@@ -82,7 +82,8 @@ bool Link::prepare()
     // remote frame they also mean the peer sent what was not asked for,
     // which the frame cannot pair: the connection is not trusted any more.
     const size_t stale = connection_.drain();
-    counters_->stale_bytes += stale;
+    if (stale > 0)
+        counters_->stale_bytes += stale;
     if (stale > 0 && mode_ == LinkMode::Remote)
         resynchronise();
     // The peer closed the idle connection (the drain saw the end) or it was
@@ -212,7 +213,8 @@ Link::Received Link::take_reply(FrameInProgress *f, size_t size, std::vector<uin
         r.out_of_step = true;
         return r;
     }
-    counters_->stale_bytes += f->bytes.size() - size;
+    if (f->bytes.size() > size)
+        counters_->stale_bytes += f->bytes.size() - size;
     f->bytes.resize(size);
     reply->swap(f->bytes);
     return r;

@@ -14,6 +14,7 @@
 #ifndef PLCHOST_PLCHOST_H
 #define PLCHOST_PLCHOST_H
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -66,6 +67,20 @@ struct HostConfig {
     std::chrono::milliseconds reconnect_min{100};    // first back-off step
     std::chrono::milliseconds reconnect_max{2000};   // back-off ceiling
 };
+
+// Waits a program around the host chooses from its reply time-out: a
+// connection attempt waits as long as a reply, but not less than a loopback
+// or LAN connect needs under load; a write or one-shot read may use every
+// try before it is given up, twice over, and a second more for the queue
+// ahead of it.
+inline std::chrono::milliseconds connect_wait(std::chrono::milliseconds reply_timeout)
+{
+    return std::max(reply_timeout, std::chrono::milliseconds(200));
+}
+inline std::chrono::milliseconds completion_wait(std::chrono::milliseconds reply_timeout, int retry_limit)
+{
+    return reply_timeout * (retry_limit + 1) * 2 + std::chrono::seconds(1);
+}
 
 // One PLC variable as the runtime names it: kind 0..14, address text in the
 // notation of the kind ("byte.bit" for kinds 0, 1 and 5, a decimal number
@@ -271,7 +286,6 @@ private:
     WireOutcome broadcast(const Request &r);
     int hand_to_driver(const WireOutcome &wire);
     bool count_outcome(const ReplyEvent &ev, const WireOutcome &wire);
-    void note_read(const ReplyEvent &ev);
     void deliver_callbacks(bool hooks);
     bool pace(const ReplyEvent &ev, bool pass_done);
     void give_up_pending();

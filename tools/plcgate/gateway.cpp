@@ -21,28 +21,20 @@ constexpr auto kStatsPeriod = std::chrono::seconds(5);
 constexpr milliseconds kDrainWait{2000};
 constexpr milliseconds kOfflineWait{2000};
 constexpr milliseconds kStopStep{20};
-// A connection attempt to a PLC waits as long as a reply, but not less.
-constexpr milliseconds kShortestConnect{200};
 
 plchost::HostConfig host_config(const GateConfig &c)
 {
     plchost::HostConfig h = c.host;
-    h.connect_timeout = std::max(h.timeout, kShortestConnect);
+    h.connect_timeout = plchost::connect_wait(h.timeout);
     return h;
-}
-
-// A write may use every try before it is given up, twice over, and a
-// second more for the queue ahead of it.
-milliseconds answer_wait(const GateConfig &c)
-{
-    return milliseconds(c.host.timeout.count() * (c.host.retry_limit + 1) * 2 + 1000);
 }
 
 } // namespace
 
 Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
     : config_(std::move(config)), tags_(std::move(tags)), host_(host_config(config_)),
-      mqtt_(config_.mqtt, status_topic(config_.name), wake_), outbox_(config_.buffer), writes_(answer_wait(config_))
+      mqtt_(config_.mqtt, status_topic(config_.name), wake_), outbox_(config_.buffer),
+      writes_(plchost::completion_wait(config_.host.timeout, config_.host.retry_limit))
 {
     host_.set_reply_hook([this](const plchost::ReplyEvent &e) {
         const bool good = e.good();
@@ -58,8 +50,9 @@ Gateway::Gateway(GateConfig config, std::vector<GateTag> tags)
         writes_.done(source_type, source_id, result);
         wake_.notify();
     });
-    host_.set_tags(host_tags());
-    index_ = TagIndex(host_tags());
+    const std::vector<plchost::Tag> plc = host_tags();
+    host_.set_tags(plc);
+    index_ = TagIndex(plc);
 }
 
 std::vector<plchost::Tag> Gateway::host_tags() const
@@ -225,8 +218,9 @@ void Gateway::reload_tags()
     for (auto &s : states_)
         s.second.published = false; // published once more, with the next seq
     tags_ = std::move(tags);
-    host_.set_tags(host_tags());
-    index_ = TagIndex(host_tags());
+    const std::vector<plchost::Tag> plc = host_tags();
+    host_.set_tags(plc);
+    index_ = TagIndex(plc);
     std::cerr << "plcgate: read " << tags_.size() << " tags from " << config_.tags_path << "\n";
 }
 

@@ -7,9 +7,10 @@
 
 namespace plcgate {
 
-const char *const kSections[] = {"gateway", "plc", "mqtt", "deadband", nullptr};
-
 namespace {
+
+// The sections a configuration may have.
+const char *const kSections[] = {"gateway", "plc", "mqtt", "deadband", nullptr};
 
 using plctags::refuse;
 using plctags::trim;

@@ -14,9 +14,6 @@
 
 namespace plcgate {
 
-// The sections a configuration may have.
-extern const char *const kSections[];
-
 // Every key of the text as "section.key" with its line number (from 1), in
 // the order given; or "LINE: why" for the first line that is not right.
 plctags::Parsed<std::vector<std::pair<std::string, int>>> scan_ini(const std::string &text);

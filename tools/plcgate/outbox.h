@@ -40,7 +40,6 @@ public:
     Outbox(const Outbox &) = delete; // holds iterators into itself
     Outbox &operator=(const Outbox &) = delete;
 
-    void set_limit(size_t limit) { limit_ = limit; }
     void push(Message message);
     // Ahead of everything not handed over yet (the status).
     void push_urgent(Message message);

@@ -17,8 +17,6 @@ using std::chrono::milliseconds;
 
 // The live table is not redrawn more often than this.
 constexpr milliseconds kShortestRefresh{100};
-// A connection attempt waits as long as a reply, but not less than this.
-constexpr milliseconds kShortestConnect{200};
 // How often a wait looks at the host's progress and at the interrupt flag.
 constexpr milliseconds kPassCheck{5};
 constexpr milliseconds kRefreshCheck{10};
@@ -167,7 +165,7 @@ plchost::HostConfig host_config(const Settings &s)
     c.timeout = milliseconds(s.timeout_ms);
     c.retry_limit = s.retries;
     c.poll_interval = milliseconds(s.interval_ms);
-    c.connect_timeout = std::max(milliseconds(s.timeout_ms), kShortestConnect);
+    c.connect_timeout = plchost::connect_wait(milliseconds(s.timeout_ms));
     return c;
 }
 

@@ -36,7 +36,7 @@ View view_of(const Settings &s, const Console &console)
 
 std::chrono::milliseconds completion_wait(const Settings &s)
 {
-    return std::chrono::milliseconds(int64_t(s.timeout_ms) * (s.retries + 1) * 2 + 1000);
+    return plchost::completion_wait(std::chrono::milliseconds(s.timeout_ms), s.retries);
 }
 
 void install_hooks(plchost::Host &host, const Settings &s, const Console &console, plchost::TraceHook also)

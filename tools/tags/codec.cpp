@@ -293,7 +293,7 @@ Parsed<uint16_t> unit_of(const Tag &tag, const std::string &text)
 {
     const int bits = unit_bits(tag.plc.kind);
     const bool hex = tag.type == ValueType::Hex;
-    const bool prefixed = hex && text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const bool prefixed = hex && is_hex_text(text);
     const std::string digits = prefixed ? text.substr(2) : text;
     const size_t most = size_t(hex ? bits / 4 : bits);
     const char *const allowed = hex ? "0123456789abcdefABCDEF" : "01";

@@ -155,7 +155,7 @@ Parsed<uint64_t> float_bits(const Tag &tag, const std::string &text)
 // in the type's range.
 std::optional<uint64_t> unscaled_integer(const IntegerRange &r, const std::string &text)
 {
-    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X'))
+    if (is_hex_text(text))
         return parse_value(text, r.bits);
     if (text.empty() || text[0] == '+' || (!r.is_signed && text[0] == '-'))
         return std::nullopt;

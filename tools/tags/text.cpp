@@ -7,14 +7,14 @@
 
 namespace plctags {
 
-namespace {
-
-const char *const kBlanks = " \t\r\n";
-
 bool is_hex_text(const std::string &text)
 {
     return text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
 }
+
+namespace {
+
+const char *const kBlanks = " \t\r\n";
 
 // The largest value `bits` wide, for widths under 64.
 uint64_t width_mask(int bits)

@@ -30,6 +30,9 @@ std::optional<double> parse_real(const std::string &text);
 // two's complement of that width; not for single bits) or hexadecimal with 0x.
 std::optional<uint64_t> parse_value(const std::string &text, int bits);
 
+// "0x" or "0X" and at least one more character: a hexadecimal text.
+bool is_hex_text(const std::string &text);
+
 } // namespace plctags
 
 #endif // PLCTAGS_TEXT_H

@@ -290,6 +290,18 @@ TEST(TagsCodec, AsciiLeavesOutTheNulPaddingAndEscapesOtherBytes)
     EXPECT_EQ(odd.value(), (std::vector<uint64_t>{0x6162, 0x6300}));
 }
 
+TEST(TagsCodec, ShownCountIsWhatADecodeShows)
+{
+    const Tag tags[] = {typed(kWord, 4, T::Raw),    typed(kWord, 4, T::Float32), typed(kWord, 4, T::Float64),
+                        typed(kWord, 3, T::Int16),  typed(kWord, 4, T::Ascii),   typed(kDword, 2, T::Hex),
+                        typed(kDword, 2, T::Int32), typed(8, 3, T::Bits),        typed(8, 3, T::Raw)};
+    for (const Tag &t : tags) {
+        const size_t raw = size_t(plchost::value_count(t.plc.kind, t.plc.count));
+        EXPECT_EQ(plctags::shown_count(t), plctags::decode(t, std::vector<uint64_t>(raw, 0)).size())
+            << "kind " << t.plc.kind << " count " << t.plc.count;
+    }
+}
+
 TEST(TagsCodec, AsciiBytesAboveTheSevenBitRangeStayBytes)
 {
     // 0xC3 0xA9 (UTF-8 of e-acute) over a byte kind: two bytes, not widened

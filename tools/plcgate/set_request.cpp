@@ -89,13 +89,6 @@ plctags::Parsed<std::string> value_text(const plctags::Tag &tag, const json &v)
     return plctags::real_text(v.get<double>());
 }
 
-// Values a read of the tag shows: one text for ascii, else one per value.
-size_t shown_values(const plctags::Tag &tag)
-{
-    const size_t raw = size_t(plchost::value_count(tag.plc.kind, tag.plc.count));
-    return plctags::decode(tag, std::vector<uint64_t>(raw, 0)).size();
-}
-
 } // namespace
 
 SetRequest parse_set(const std::string &payload)
@@ -117,7 +110,7 @@ SetRequest parse_set(const std::string &payload)
 
 plctags::Parsed<std::vector<uint64_t>> set_values(const plctags::Tag &tag, const json &value)
 {
-    const size_t wanted = shown_values(tag);
+    const size_t wanted = plctags::shown_count(tag);
     const bool many = value.is_array();
     if (many ? value.size() != wanted : wanted != 1)
         return refuse("tag '" + tag.plc.name + "' takes " +

@@ -43,8 +43,7 @@ std::optional<std::string> due_payload(const GateTag &tag, TagState *state, cons
     if (reading.quality == plchost::Quality::NotRead)
         return std::nullopt;
     const plctags::Tag &t = tag.tag;
-    std::vector<plctags::Value> values =
-        plctags::decode(t, plchost::decode_values(t.plc.kind, t.plc.count, reading.bytes));
+    std::vector<plctags::Value> values = plctags::decode_bytes(t, reading.bytes);
     const bool good = reading.quality == plchost::Quality::Good;
     const bool due = !state->published || good != state->good || changed(tag, state->values, values) ||
                      (refresh.count() > 0 && now - state->at >= refresh);

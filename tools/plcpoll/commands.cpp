@@ -75,8 +75,7 @@ struct Poll {
         for (const PollTag &tag : tags) {
             plchost::Reading reading;
             host.read(tag.plc, &reading);
-            const auto values = plchost::decode_values(tag.plc.kind, tag.plc.count, reading.bytes);
-            now.tags.push_back({tag, reading.quality, plctags::decode(tag, values), {}});
+            now.tags.push_back({tag, reading.quality, plctags::decode_bytes(tag, reading.bytes), {}});
         }
         return now;
     }

@@ -227,6 +227,22 @@ std::vector<Value> decode(const Tag &tag, const std::vector<uint64_t> &values)
     return shown;
 }
 
+std::vector<Value> decode_bytes(const Tag &tag, const std::vector<uint8_t> &bytes)
+{
+    return decode(tag, plchost::decode_values(tag.plc.kind, tag.plc.count, bytes));
+}
+
+size_t shown_count(const Tag &tag)
+{
+    switch (tag.type) {
+    case ValueType::Raw: return size_t(plchost::value_count(tag.plc.kind, tag.plc.count));
+    case ValueType::Hex:
+    case ValueType::Bits: return size_t(registers_read(tag.plc));
+    case ValueType::Ascii: return 1;
+    default: return size_t(registers_read(tag.plc) / type_registers(tag.type));
+    }
+}
+
 std::string value_text(const Value &value)
 {
     struct Text {

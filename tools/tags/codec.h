@@ -42,6 +42,12 @@ std::vector<uint64_t> values_of(int kind, const std::vector<uint16_t> &units);
 // The tag's values as its type shows them, from the host codec's values of
 // a read of the tag (the tag fits: check_fit).
 std::vector<Value> decode(const Tag &tag, const std::vector<uint64_t> &values);
+// The same from the bytes the host's mirror holds for the tag
+// (plchost::Reading::bytes).
+std::vector<Value> decode_bytes(const Tag &tag, const std::vector<uint8_t> &bytes);
+// How many values decode() shows for the tag: one text for ascii, else one
+// per value of its type.
+size_t shown_count(const Tag &tag);
 
 // The host codec's values of the kind that write `texts` (one per value,
 // one text for ascii) as the tag's type, or why one cannot be written:

@@ -147,16 +147,13 @@ std::optional<std::string> set_duration(const std::string &value, Settings *s)
 }
 
 // --type, --order, --scale, --offset: read by the tags library's field
-// readers, which say what they accept.
-template <std::optional<std::string> (*Read)(const std::string &, plctags::Tag *)>
+// readers; what they accept is said by the library too.
+template <std::optional<std::string> (*Read)(const std::string &, plctags::Tag *), std::string (*Accepted)()>
 std::optional<std::string> set_write_as(const std::string &value, Settings *s)
 {
-    auto why = Read(value, &s->write_as);
-    if (!why)
-        return std::nullopt;
-    // "invalid type 'x' (raw int16 ...)": the accepted part.
-    const auto open = why->find(" (");
-    return open == std::string::npos ? *why : why->substr(open + 2, why->size() - open - 3);
+    if (Read(value, &s->write_as))
+        return Accepted();
+    return std::nullopt;
 }
 
 template <TagSource::From From> std::optional<std::string> add_tag_source(const std::string &value, Settings *s)
@@ -193,10 +190,10 @@ const OptionRule kOptions[] = {
     {"trace", false, set_flag<&Settings::trace>},
     {"debug-log", false, set_flag<&Settings::debug_log>},
     {"station", true, set_integer<&Settings::station, 0, 255>},
-    {"type", true, set_write_as<plctags::parse_type>},
-    {"order", true, set_write_as<plctags::parse_order>},
-    {"scale", true, set_write_as<plctags::parse_scale>},
-    {"offset", true, set_write_as<plctags::parse_offset>},
+    {"type", true, set_write_as<plctags::parse_type, plctags::type_names>},
+    {"order", true, set_write_as<plctags::parse_order, plctags::order_names>},
+    {"scale", true, set_write_as<plctags::parse_scale, plctags::real_field_text>},
+    {"offset", true, set_write_as<plctags::parse_offset, plctags::real_field_text>},
     {"no-trend", false, set_flag<&Settings::trend, false>},
     {"help", false, ask_for_help, 'h'},
 };

@@ -74,7 +74,7 @@ std::optional<std::string> read_real(const char *what, const std::string &field,
 {
     const auto v = parse_real(field);
     if (!v)
-        return invalid(what, field, "a decimal number");
+        return invalid(what, field, real_field_text());
     *out = *v;
     return std::nullopt;
 }
@@ -169,6 +169,11 @@ std::optional<std::string> parse_scale(const std::string &text, Tag *tag)
 std::optional<std::string> parse_offset(const std::string &text, Tag *tag)
 {
     return read_real("offset", text, &tag->offset);
+}
+
+std::string real_field_text()
+{
+    return "a decimal number";
 }
 
 std::string writable_kinds_text()

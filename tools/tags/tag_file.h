@@ -34,6 +34,10 @@ std::optional<std::string> parse_order(const std::string &text, Tag *tag);
 std::optional<std::string> parse_scale(const std::string &text, Tag *tag);
 std::optional<std::string> parse_offset(const std::string &text, Tag *tag);
 
+// What the scale and offset fields accept, for messages (type_names() and
+// order_names() say it for the type and the order).
+std::string real_field_text();
+
 // The kinds the driver writes, as a list for messages: "1 3 4 ...".
 std::string writable_kinds_text();
 

@@ -27,11 +27,12 @@ struct WriteShape {
 
 WriteShape write_shape(int kind)
 {
+    const int function = plckinds::write_function(kind);
     if (plckinds::write_method(kind) == plckinds::WriteMethod::Coils)
-        return {plckinds::FN_WRITE_MULTIPLE_COILS, 1, 1}; // coils: bytes go as they are
+        return {function, 1, 1}; // coils: bytes go as they are
     // Registers travel high byte first.
     const int words = plckinds::words_per_value(kind);
-    return {plckinds::FN_WRITE_MULTIPLE_REGISTERS, quint32(words), 2 * words};
+    return {function, quint32(words), 2 * words};
 }
 
 // A kind that is not written whole: only the first 10 bytes are built, the

@@ -58,9 +58,7 @@ bool Host::exchange_once()
     Protocol *p = take_request();
     if (!p) {
         // Nothing to send (empty lists, or every station switched off).
-        const bool go_on = sleep_for(config_.poll_interval, true);
-        com_info_->cycle_done = 0;
-        return go_on;
+        return pause_after_pass();
     }
     Request r;
     r.frame.assign(p->frame.constData(), p->frame.constData() + std::min(std::max(p->frame_len, 0), p->frame.size()));
@@ -208,13 +206,19 @@ void Host::deliver_callbacks(bool hooks)
 // After a full pass: pause, unless a write or one-shot read arrives, then
 // start counting anew. After a give-up too: a pass that contains a failing
 // request never completes, and a peer that keeps failing is not hammered.
+// The pause between passes; then the next pass may begin. False when
+// stopping.
+bool Host::pause_after_pass()
+{
+    const bool go_on = sleep_for(config_.poll_interval, true);
+    com_info_->cycle_done = 0;
+    return go_on;
+}
+
 bool Host::pace(const ReplyEvent &ev, bool pass_done)
 {
-    if (pass_done) {
-        const bool go_on = sleep_for(config_.poll_interval, true);
-        com_info_->cycle_done = 0;
-        return go_on;
-    }
+    if (pass_done)
+        return pause_after_pass();
     if (!ReplyEvent::is_good(ev.status) && ev.status != 0)
         return sleep_for(config_.poll_interval, true);
     return true;

@@ -14,24 +14,22 @@ struct Link::Received {
     bool out_of_step = false;
 };
 
-// A Modbus TCP frame being read: the bytes so far, and whether they came in
-// more than one read (and how many the first brought).
+// A Modbus TCP frame being read: the bytes so far, and, once a further read
+// was needed, how many the first read brought (0 while one read was enough).
 struct Link::FrameInProgress {
     std::vector<uint8_t> bytes;
-    bool pieced = false;
     size_t first_piece = 0;
 
     void note_read()
     {
-        if (!pieced && !bytes.empty()) {
-            pieced = true;
+        if (first_piece == 0 && !bytes.empty())
             first_piece = bytes.size();
-        }
     }
+    bool pieced() const { return first_piece != 0; }
     void skip(size_t n)
     {
         bytes.erase(bytes.begin(), bytes.begin() + long(n));
-        pieced = false;
+        first_piece = 0;
     }
 };
 
@@ -207,8 +205,8 @@ Link::Received Link::cut_off(const std::vector<uint8_t> &request, FrameInProgres
 Link::Received Link::take_reply(FrameInProgress *f, size_t size, std::vector<uint8_t> *reply)
 {
     Received r;
-    if (f->pieced && (f->bytes.size() > size || connection_.bytes_waiting() ||
-                      modbus_tail_is_a_frame(f->bytes.data(), size, f->first_piece))) {
+    if (f->pieced() && (f->bytes.size() > size || connection_.bytes_waiting() ||
+                        modbus_tail_is_a_frame(f->bytes.data(), size, f->first_piece))) {
         ++counters_->foreign_replies;
         r.out_of_step = true;
         return r;

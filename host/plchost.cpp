@@ -325,10 +325,7 @@ bool Host::read(const Tag &tag, Reading *out) const
     if (!when)
         return ok;
     out->time = *when;
-    const auto station = stats_.stations.find(tag.station);
-    const bool failing =
-        switched_off_.count(tag.station) || (station != stats_.stations.end() && station->second.failing);
-    out->quality = failing ? Quality::Failing : Quality::Good;
+    out->quality = failing_locked(tag.station) ? Quality::Failing : Quality::Good;
     return ok;
 }
 
@@ -418,9 +415,15 @@ void Host::enable_station(int station, bool enable)
 bool Host::station_failing(int station) const
 {
     std::lock_guard<std::mutex> lock(mutex_);
+    return failing_locked(station);
+}
+
+// Switched off, or given up on since its last good reply; mutex_ held.
+bool Host::failing_locked(int station) const
+{
     if (switched_off_.count(station))
         return true;
-    auto it = stats_.stations.find(station);
+    const auto it = stats_.stations.find(station);
     return it != stats_.stations.end() && it->second.failing;
 }
 

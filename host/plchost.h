@@ -286,6 +286,8 @@ private:
     WireOutcome broadcast(const Request &r);
     int hand_to_driver(const WireOutcome &wire);
     bool count_outcome(const ReplyEvent &ev, const WireOutcome &wire);
+    bool failing_locked(int station) const;
+    bool pause_after_pass();
     void deliver_callbacks(bool hooks);
     bool pace(const ReplyEvent &ev, bool pass_done);
     void give_up_pending();

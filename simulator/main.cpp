@@ -86,14 +86,7 @@ int run(const plcsim::Options &options)
         return runtime_error(error);
 
     try {
-        plcsim::Stations stations(options.stations);
-        if (options.fill == plcsim::Fill::Address) {
-            for (modbus_mapping_t *m : stations.all()) {
-                plcsim::fill_with_addresses(m);
-                if (!options.freeze)
-                    plcsim::set_moving_values(m, 0);
-            }
-        }
+        plcsim::Stations stations(options.stations, options.fill, options.freeze);
         plcsim::Server server(options, stations, log);
         if (!server.start(error))
             return runtime_error(error);

@@ -4,7 +4,7 @@
 
 namespace plcsim {
 
-Stations::Stations(const std::vector<int> &unit_ids)
+Stations::Stations(const std::vector<int> &unit_ids, Fill fill, bool frozen)
 {
     for (int id : unit_ids) {
         if (id == 0 || maps_.count(id))
@@ -16,7 +16,10 @@ Stations::Stations(const std::vector<int> &unit_ids)
             maps_.clear();
             throw std::bad_alloc();
         }
-        set_moving_values(m, 0);
+        if (fill == Fill::Address)
+            fill_with_addresses(m);
+        if (fill == Fill::Zero || !frozen)
+            set_moving_values(m, 0);
         maps_[id] = m;
     }
 }

@@ -26,12 +26,19 @@ constexpr uint32_t kCounter32Step = 0x1001; // added every tick
 constexpr int kRotatingBits = 0x6000;       // discrete inputs 0x6000..0x6007, one bit set, moves every tick
 constexpr int kTickMilliseconds = 100;
 
+// What the memory holds at start (--fill): zeros, or in every register its own
+// table address and in every bit the parity of its address, so a reader can
+// tell from a value where it was read.
+enum class Fill { Zero, Address };
+
 class Stations {
 public:
-    // Allocates one mapping per unit id. Unit 0 (broadcast) never gets memory
-    // of its own, so it is skipped when listed. Throws std::bad_alloc when a
-    // mapping cannot be allocated.
-    explicit Stations(const std::vector<int> &unit_ids);
+    // Allocates one mapping per unit id, filled as `fill` says, with the
+    // moving values at their first tick (over an address fill only when they
+    // will move: frozen, they leave the pattern alone). Unit 0 (broadcast)
+    // never gets memory of its own, so it is skipped when listed. Throws
+    // std::bad_alloc when a mapping cannot be allocated.
+    explicit Stations(const std::vector<int> &unit_ids, Fill fill = Fill::Zero, bool frozen = false);
     ~Stations();
     Stations(const Stations &) = delete;
     Stations &operator=(const Stations &) = delete;

@@ -2,15 +2,12 @@
 #ifndef PLCSIM_OPTIONS_H
 #define PLCSIM_OPTIONS_H
 
+#include "memory.h"
+
 #include <string>
 #include <vector>
 
 namespace plcsim {
-
-// What the memory holds at start (--fill): zeros, or in every register its own
-// table address and in every bit the parity of its address, so a reader can
-// tell from a value where it was read.
-enum class Fill { Zero, Address };
 
 struct Options {
     std::string address = "127.0.0.1";

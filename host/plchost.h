@@ -25,6 +25,7 @@
 #include <set>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -43,6 +44,25 @@ struct WireOutcome;
 
 // How requests are framed on the wire (the driver's link_mode).
 enum class LinkMode { Modbus = 0, Remote = 1 };
+
+// The link modes by the names the tools and their configurations use, and
+// the ports plcsim serves them on (the tools' defaults).
+inline const char *link_name(LinkMode link)
+{
+    return link == LinkMode::Modbus ? "modbus" : "remote";
+}
+inline std::optional<LinkMode> link_from_name(const std::string &name)
+{
+    if (name == "modbus")
+        return LinkMode::Modbus;
+    if (name == "remote")
+        return LinkMode::Remote;
+    return std::nullopt;
+}
+inline int default_port(LinkMode link)
+{
+    return link == LinkMode::Modbus ? 1502 : 1503;
+}
 
 // One PLC endpoint: a TCP address and the stations it serves. The first
 // endpoint also serves every station that no endpoint lists.

@@ -20,8 +20,6 @@ namespace {
 using plctags::refuse;
 using Check = std::optional<std::string> (*)(const std::string &value, GateConfig *config);
 
-// Ports of the two link modes when [plc] port is not given (plcsim's).
-constexpr int kModbusPort = 1502, kRemotePort = 1503;
 constexpr int kMaxPort = 65535;
 constexpr long long kMaxRefreshS = 86400, kMaxBuffer = 10000000;
 constexpr long long kMaxTimeoutMs = 600000, kMaxRetries = 100, kMaxIntervalMs = 3600000;
@@ -86,10 +84,10 @@ std::optional<std::string> set_writable(const std::string &value, GateConfig *c)
 
 std::optional<std::string> set_link(const std::string &value, GateConfig *c)
 {
-    const std::string v = plctags::trim(value);
-    if (v != "modbus" && v != "remote")
+    const auto link = plchost::link_from_name(plctags::trim(value));
+    if (!link)
         return bad(value, "modbus or remote");
-    c->host.link_mode = v == "modbus" ? plchost::LinkMode::Modbus : plchost::LinkMode::Remote;
+    c->host.link_mode = *link;
     return std::nullopt;
 }
 
@@ -292,9 +290,7 @@ Parsed<std::map<std::string, std::string>> file_values(const std::string &path, 
 // [plc] host and port make the one endpoint unless endpoints are given.
 std::optional<std::string> apply_plc_address(GateConfig *c)
 {
-    const int port = c->plc_port                                      ? c->plc_port
-                     : c->host.link_mode == plchost::LinkMode::Modbus ? kModbusPort
-                                                                      : kRemotePort;
+    const int port = c->plc_port ? c->plc_port : plchost::default_port(c->host.link_mode);
     if (!c->host.endpoints.empty()) {
         if (c->origins.count("plc.host") || c->origins.count("plc.port"))
             return key_origin(*c, c->origins.count("plc.host") ? "plc.host" : "plc.port") +

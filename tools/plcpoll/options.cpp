@@ -127,12 +127,10 @@ std::optional<std::string> set_host(const std::string &value, Settings *s)
 
 std::optional<std::string> set_link(const std::string &value, Settings *s)
 {
-    if (value == "modbus")
-        s->link = plchost::LinkMode::Modbus;
-    else if (value == "remote")
-        s->link = plchost::LinkMode::Remote;
-    else
+    const auto link = plchost::link_from_name(value);
+    if (!link)
         return "modbus or remote";
+    s->link = *link;
     return std::nullopt;
 }
 
@@ -319,7 +317,7 @@ Result<Settings> ArgumentReader::read()
             break;
     }
     if (settings_.port == kPortNotGiven)
-        settings_.port = settings_.link == plchost::LinkMode::Modbus ? kModbusPort : kRemotePort;
+        settings_.port = plchost::default_port(settings_.link);
     if (settings_.timeout_ms == kTimeoutNotGiven)
         settings_.timeout_ms = settings_.command == Command::Scan ? kScanTimeoutMs : kTimeoutMs;
     if (typed_outside_write(settings_))

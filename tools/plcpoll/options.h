@@ -17,9 +17,6 @@ namespace plcpoll {
 // the command line, or by --help.
 enum class Command { Poll, Write, Scan, Help };
 
-// Ports of the two link modes when --port is not given.
-constexpr int kModbusPort = 1502;
-constexpr int kRemotePort = 1503;
 // Reply time-outs when --timeout is not given: a scan waits less, since most
 // of the stations it probes may never answer.
 constexpr int kTimeoutMs = 1000;
@@ -30,7 +27,7 @@ struct Settings {
     std::vector<std::string> operands; // the command's arguments (write: KIND ADDRESS VALUE...; scan: [STATIONS])
 
     std::string host = "127.0.0.1";
-    int port = kModbusPort; // the link's port unless --port is given
+    int port = plchost::default_port(plchost::LinkMode::Modbus); // the link's port unless --port is given
     plchost::LinkMode link = plchost::LinkMode::Modbus;
     int timeout_ms = kTimeoutMs; // per request (the scan's own unless --timeout is given)
     int retries = 3;             // failed replies tolerated per request

@@ -87,11 +87,6 @@ Change change_of(const Snapshot &now, const Snapshot *before, size_t i)
     return a.quality == b.quality && a.values == b.values ? Change::Same : Change::Changed;
 }
 
-const char *link_name(plchost::LinkMode link)
-{
-    return link == plchost::LinkMode::Modbus ? "modbus" : "remote";
-}
-
 // What the value column shows: the values, or "-" when there are none to
 // trust.
 std::string shown_text(const TagReading &r)
@@ -125,7 +120,7 @@ std::string table_heading(const Snapshot &now)
 {
     const std::string state = now.connected ? "connected" : std::string(kRed) + "disconnected" + kPlain;
     return format("plcpoll  %s  %s  %s  t=%.1fs  passes %llu  good %llu  failed %llu\n\n", now.peer.c_str(),
-                  link_name(now.link), state.c_str(), now.elapsed_s, count(now.stats.passes),
+                  plchost::link_name(now.link), state.c_str(), now.elapsed_s, count(now.stats.passes),
                   count(now.stats.good_replies), count(now.stats.failed_replies)) +
            format("%s%-16s %4s %-18s %-8s %3s  %s%s%s\n", kBold, "NAME", "KIND", "TYPE", "ADDRESS", "STN",
                   now.trends ? format("%-*s ", int(kTrendLength), "TREND").c_str() : "", "  VALUE", kPlain);

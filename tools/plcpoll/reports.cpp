@@ -205,7 +205,7 @@ std::string render_scan(View view, const ScanReport &r)
         list.push_back(p.station);
         present += (present.empty() ? "" : " ") + std::to_string(p.station);
     }
-    const char *link = r.link == plchost::LinkMode::Modbus ? "modbus" : "remote";
+    const char *link = plchost::link_name(r.link);
     if (view == View::Json)
         return dump(Json{{"scan", Json{{"peer", r.peer}, {"link", link}, {"timeout_ms", r.timeout_ms}}},
                          {"present", list},

@@ -2,6 +2,7 @@
 
 #include "ini_text.h"
 #include "messages.h"
+#include "tag_file.h"
 #include "text.h"
 
 #include <QFileInfo>
@@ -24,7 +25,6 @@ constexpr int kMaxPort = 65535;
 constexpr long long kMaxRefreshS = 86400, kMaxBuffer = 10000000;
 constexpr long long kMaxTimeoutMs = 600000, kMaxRetries = 100, kMaxIntervalMs = 3600000;
 constexpr long long kMinKeepaliveS = 5, kMaxKeepaliveS = 65535;
-constexpr long long kMaxStation = 255;
 
 std::optional<std::string> bad(const std::string &value, const std::string &accepted)
 {
@@ -96,11 +96,12 @@ std::optional<std::string> stations(const std::string &list, std::vector<int> *o
 {
     for (const std::string &item : plctags::split(list, ',')) {
         const auto range = plctags::split(item, '-');
-        const auto first = plctags::parse_integer(range[0], 0, kMaxStation);
-        const auto last = range.size() == 2 ? plctags::parse_integer(range[1], 0, kMaxStation) : first;
+        const auto first = plctags::parse_integer(range[0], plctags::kMinStation, plctags::kMaxStation);
+        const auto last =
+            range.size() == 2 ? plctags::parse_integer(range[1], plctags::kMinStation, plctags::kMaxStation) : first;
         if (range.size() > 2 || !first || !last || *last < *first)
             return "stations '" + list + "': expected N, N-M or a list of them separated by commas, 0.." +
-                   std::to_string(kMaxStation);
+                   std::to_string(plctags::kMaxStation);
         for (long long s = *first; s <= *last; ++s)
             out->push_back(int(s));
     }

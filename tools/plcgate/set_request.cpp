@@ -69,8 +69,7 @@ SetRequest from_object(const json &object)
 // The number or text of one JSON value, as the tags library reads values.
 plctags::Parsed<std::string> value_text(const plctags::Tag &tag, const json &v)
 {
-    const bool texts = tag.type == plctags::ValueType::Hex || tag.type == plctags::ValueType::Bits ||
-                       tag.type == plctags::ValueType::Ascii;
+    const bool texts = !plctags::shows_numbers(tag.type);
     const bool bits = tag.type == plctags::ValueType::Raw && plchost::value_bits(tag.plc.kind) == 1;
     if (texts != v.is_string() || (v.is_boolean() && !bits) || !(v.is_string() || v.is_number() || v.is_boolean()))
         return refuse(std::string("a value of type ") + plctags::type_name(tag.type) + " is " +

@@ -49,7 +49,7 @@ std::optional<std::string> set_deadbands(const GateConfig &c, std::vector<GateTa
         const std::string where = key_origin(c, "deadband." + d.first) + ": ";
         if (!t)
             return where + "no tag '" + d.first + "' in " + c.tags_path;
-        if (!plctags::is_numeric(t->tag.type) && t->tag.type != plctags::ValueType::Raw)
+        if (!plctags::shows_numbers(t->tag.type))
             return where + "tag '" + d.first + "' is of type " + plctags::type_name(t->tag.type) +
                    ": a deadband is for numbers";
         t->deadband = d.second;

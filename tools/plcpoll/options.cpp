@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "tag_file.h"
 #include "text.h"
 
 #include <getopt.h>
@@ -187,7 +188,7 @@ const OptionRule kOptions[] = {
     {"json", false, set_flag<&Settings::json>},
     {"trace", false, set_flag<&Settings::trace>},
     {"debug-log", false, set_flag<&Settings::debug_log>},
-    {"station", true, set_integer<&Settings::station, 0, 255>},
+    {"station", true, set_integer<&Settings::station, plctags::kMinStation, plctags::kMaxStation>},
     {"type", true, set_write_as<plctags::parse_type, plctags::type_names>},
     {"order", true, set_write_as<plctags::parse_order, plctags::order_names>},
     {"scale", true, set_write_as<plctags::parse_scale, plctags::real_field_text>},

@@ -17,7 +17,7 @@ constexpr int kMiddleLevel = kLevels / 2 - 1;
 
 bool trends_numbers(const TagReading &r)
 {
-    return r.tag.type == plctags::ValueType::Raw || plctags::is_numeric(r.tag.type);
+    return plctags::shows_numbers(r.tag.type);
 }
 
 } // namespace

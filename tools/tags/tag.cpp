@@ -99,6 +99,11 @@ bool is_numeric(ValueType type)
     return type_registers(type) > 0;
 }
 
+bool shows_numbers(ValueType type)
+{
+    return type == ValueType::Raw || is_numeric(type);
+}
+
 bool is_float(ValueType type)
 {
     return row_of(type).is_float;

@@ -65,9 +65,11 @@ std::string order_names();
 // types that are not numbers (Raw, Hex, Bits, Ascii).
 int type_registers(ValueType type);
 
-// The types whose values are numbers: the ones a scale, an offset and a
-// trend apply to.
+// The typed numbers: the types a scale and an offset apply to.
 bool is_numeric(ValueType type);
+// The types shown as numbers: the typed ones and the raw view (trends and
+// deadbands apply to them; a set gives them as JSON numbers).
+bool shows_numbers(ValueType type);
 bool is_float(ValueType type);
 
 // Whether a tag shows its numbers scaled (a scale other than 1 or an offset

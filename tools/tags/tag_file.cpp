@@ -16,8 +16,6 @@ namespace {
 // The kinds in the order of the driver's PlcRegKind.
 constexpr int kFirstKind = REG_KIND_DISCRETE_INPUT;
 constexpr int kLastKind = REG_KIND_QWORD_4;
-// Station 0 is the broadcast address of Modbus.
-constexpr long long kMinStation = 0, kMaxStation = 255;
 constexpr long long kMinCount = 1, kMaxCount = 10000;
 
 std::string invalid(const char *what, const std::string &text, const std::string &accepted)

@@ -25,6 +25,9 @@ Parsed<Tag> parse_tag_line(const std::string &line);
 Parsed<std::vector<Tag>> read_tag_stream(std::istream &in, const std::string &origin);
 Parsed<std::vector<Tag>> read_tag_file(const std::string &path);
 
+// Stations a tag may name: 0 is the broadcast address of Modbus.
+constexpr long long kMinStation = 0, kMaxStation = 255;
+
 // Readers of single fields, shared with the tools' options. Each returns why
 // the text is not valid, or nothing when it is (and stores what it read).
 std::optional<std::string> parse_kind(const std::string &text, int *kind);
